@@ -1,0 +1,170 @@
+// The execution of commands: the bytes go to a Python function in one call, the bytes that come
+// back wait for the calling thread.
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "Native/Definitions/CommandHeader.h"
+#include "Native/QuorvalenNativeException/Messages.h"
+#include "Runtimes/Python/Native/InterpreterLock.h"
+#include "Runtimes/Python/Native/PythonLauncher.h"
+
+using Quorvalen::Native::Definitions::RuntimeOperationMode;
+namespace Definitions = Quorvalen::Native::Definitions;
+namespace Messages = Quorvalen::Native::Messages;
+
+namespace {
+
+// By design: the byte is read without asking for the length.
+bool IsHeartBeat(const unsigned char* message) {
+    return message[Definitions::CommandHeader::kKind] == Definitions::kHeartBeat;
+}
+
+QuorvalenNativeException Failure(const std::string& message) {
+    return QuorvalenNativeException(message, Messages::kUnknownRuntime);
+}
+
+}  // namespace
+
+int PythonLauncher::SendCommand(unsigned char* message, int length) {
+    if (message == nullptr) HandleException(Failure(Messages::kArgumentsNotBuilt));
+    Bytes response = operationMode == RuntimeOperationMode::CallingRuntime
+                         ? AskCallback(message, length)
+                         : AskInterpreter(message, length);
+    const int size = static_cast<int>(response.size());
+    KeepResponse(std::move(response));
+    return size;
+}
+
+// By design: no lock is taken and the result is not released; the callback runs on its own terms.
+PythonLauncher::Bytes PythonLauncher::AskCallback(unsigned char* message, int length) {
+    if (callback == nullptr) throw Failure(Messages::kNoCallback);
+    PyObject* result = callback(message, length);
+    if (result == nullptr) HandleException(Failure(Messages::kCallbackFailed));
+    return CopyOf(result);
+}
+
+PythonLauncher::Bytes PythonLauncher::AskInterpreter(unsigned char* message, int length) {
+    Bytes response;
+    switch (RunCommand(message, length, response)) {
+        case CommandOutcome::Answered:
+            return response;
+        case CommandOutcome::NotRunning:
+            HandleException(Failure(Messages::kRuntimeNotInitialized));
+        case CommandOutcome::ArgumentsNotBuilt:
+            HandleException(Failure(Messages::kArgumentsNotBuilt));
+        case CommandOutcome::CallFailed:
+            HandleException(Failure(Messages::kCommandFailed));
+        case CommandOutcome::WrongResult:
+            break;
+    }
+    HandleException(Failure(
+        Messages::ResultIsNoByteArray(IsHeartBeat(message) ? "heart_beat" : "send_command")));
+}
+
+// Failures are raised by the caller, once this call has left the interpreter.
+PythonLauncher::CommandOutcome PythonLauncher::RunCommand(unsigned char* message, int length,
+                                                          Bytes& response) {
+    const InterpreterGate::Pass pass(gate);
+    if (!running.load(std::memory_order_acquire)) return CommandOutcome::NotRunning;
+    int lockState = kLockWasNotHeld;
+    const CommandOutcome outcome = CallReceiver(message, length, response, lockState);
+    if (outcome == CommandOutcome::Answered) GiveUpLockIfStillHeld(lockState);
+    return outcome;
+}
+
+PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* message, int length,
+                                                            Bytes& response, int& lockState) {
+    InterpreterLock lock(python);
+    lockState = lock.State();
+    PyObject* function = IsHeartBeat(message) ? heartBeat : sendCommand;
+    PyObject* arguments = BuildArguments(message, length);
+    if (arguments == nullptr) {
+        ShowPythonError();
+        return CommandOutcome::ArgumentsNotBuilt;
+    }
+    PyObject* result = python.PyObject_CallObject_Fn(function, arguments);
+    python.Py_DecRef_Fn(arguments);
+    if (result == nullptr) {
+        ShowPythonError();
+        const InterpreterGate::Closure closure(gate);
+        // An interpreter that other calls are in, or that is not ours, stays as it is.
+        if (closure.IsShut() && interpreterIsOurs) {
+            // By design: the restart runs with the lock held and leaves none behind.
+            lock.Dismiss();
+            RestartInterpreter();
+        }
+        return CommandOutcome::CallFailed;
+    }
+    const OwnedReference owned(python, result);
+    if (!IsByteArray(result)) return CommandOutcome::WrongResult;
+    response = CopyOf(result);
+    return CommandOutcome::Answered;
+}
+
+PyObject* PythonLauncher::BuildArguments(const unsigned char* message, int length) {
+    PyObject* bytes =
+        python.PyBytes_FromStringAndSize_Fn(reinterpret_cast<const char*>(message), length);
+    if (bytes == nullptr) return nullptr;
+    PyObject* arguments = python.PyTuple_Pack_Fn(1, bytes);
+    python.Py_DecRef_Fn(bytes);
+    return arguments;
+}
+
+bool PythonLauncher::IsByteArray(PyObject* object) {
+    if (python.PyByteArray_Type == nullptr || python.PyObject_IsInstance_Fn == nullptr) return true;
+    const int isInstance = python.PyObject_IsInstance_Fn(object, python.PyByteArray_Type);
+    if (isInstance < 0) ShowPythonError();
+    return isInstance > 0;
+}
+
+// A negative size becomes a length that no vector can have, and so the standard length error.
+PythonLauncher::Bytes PythonLauncher::CopyOf(PyObject* byteArray) {
+    const std::ptrdiff_t size = python.PyByteArray_Size_Fn(byteArray);
+    const char* data = python.PyByteArray_AsString_Fn(byteArray);
+    if (size < 0) return Bytes(static_cast<std::size_t>(size));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+    return Bytes(bytes, bytes + size);
+}
+
+// By design: a thread that held the lock before its command loses it here. When the thread did not
+// hold it, the lock has been given back, whatever the check says: once a subinterpreter exists, the
+// check always answers yes.
+void PythonLauncher::GiveUpLockIfStillHeld(int lockState) {
+    if (python.PyGILState_Check_Fn() <= 0 || lockState == kLockWasNotHeld) return;
+    python.PyEval_SaveThread_Fn();
+    if (startLockHolder.load() == std::this_thread::get_id()) {
+        startLockHolder.store(std::thread::id());
+    }
+}
+
+void PythonLauncher::KeepResponse(Bytes response) {
+    const std::lock_guard<std::mutex> lock(responseLock);
+    responses.insert_or_assign(std::this_thread::get_id(), std::move(response));
+}
+
+int PythonLauncher::ReadResponse(unsigned char* buffer, int length) {
+    std::unique_lock<std::mutex> lock(responseLock);
+    const auto pending = responses.extract(std::this_thread::get_id());
+    lock.unlock();
+    if (pending.empty()) HandleException(Failure(Messages::kNoPendingResponse));
+    // Widened with its sign, a negative length asks for everything.
+    const Bytes& response = pending.mapped();
+    const std::size_t count = std::min(response.size(), static_cast<std::size_t>(length));
+    if (count > 0) std::memcpy(buffer, response.data(), count);
+    return 0;
+}
+
+// Objects and modules of the failed interpreter are gone afterwards, for every thread.
+// REQUIRES: the gate is shut and this thread holds the interpreter lock.
+void PythonLauncher::RestartInterpreter() {
+    DropPendingResponses();
+    Close();
+    Start(static_cast<unsigned char>(requestedVersion));
+}
+
+// Close drops them too, but without the lock that readers on other threads rely on.
+void PythonLauncher::DropPendingResponses() {
+    const std::lock_guard<std::mutex> lock(responseLock);
+    responses.clear();
+}

@@ -1,0 +1,140 @@
+// The search for a Python library: a fixed sequence of places, each tried with one dlopen and
+// reported on standard output.
+#include <dlfcn.h>
+
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+#include "Native/ConfigHandler/ConfigHandler.h"
+#include "Native/QuorvalenNativeException/Messages.h"
+#include "Runtimes/Python/Native/PythonLauncher.h"
+
+using Quorvalen::Native::ConfigHandler::ConfigHandler;
+namespace Messages = Quorvalen::Native::Messages;
+
+namespace {
+
+constexpr const char* kPathVariable = "QUORVALEN_PYTHON_RUNTIME_PATH";
+constexpr const char* kVersionVariable = "QUORVALEN_PYTHON_VERSION";
+
+// Indexed by PythonVersion; "any" begins with the newest.
+constexpr std::array<const char*, 10> kLibraryNames = {
+    "libpython3.14.so", "libpython3.6.so",  "libpython3.7.so",  "libpython3.8.so",
+    "libpython3.9.so",  "libpython3.10.so", "libpython3.11.so", "libpython3.12.so",
+    "libpython3.13.so", "libpython3.14.so"};
+
+constexpr unsigned kOldestVersion = 1;
+constexpr unsigned kNewestVersion = 9;
+
+void Print(const std::string& line) {
+    std::cout << line << std::endl;
+}
+
+// Runs one stage's reading of its source; when that fails the stage has no path to offer.
+template <typename Operation>
+void EmptyPathOnFailure(std::string& path, Operation operation) {
+    try {
+        operation();
+    } catch (const std::exception&) {
+        path.clear();
+    }
+}
+
+}  // namespace
+
+int PythonLauncher::SetPath(unsigned char version, std::string path) {
+    versionDirectories[static_cast<PythonVersion>(version)] = std::move(path);
+    return 0;
+}
+
+bool PythonLauncher::loadSharedLibraryInstance() {
+    pythonLibrary = dlopen(pythonLibraryPath.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+    const char* error = dlerror();
+    return pythonLibrary == nullptr || error != nullptr;
+}
+
+// By design: the path is carried from stage to stage, so a configured path that fails is tried and
+// reported again by the stages whose variable is not set.
+int PythonLauncher::loadSharedLibraryForSpecificVersion() {
+    if (FindInConfiguration() || FindInEnvironmentPath() || FindInEnvironmentVersion() ||
+        FindByVersion()) {
+        return 0;
+    }
+    throw QuorvalenNativeException(Messages::kPythonNotFound, Messages::kUnknownRuntime);
+}
+
+bool PythonLauncher::FindInConfiguration() {
+    bool found = false;
+    EmptyPathOnFailure(pythonLibraryPath, [&] {
+        pythonLibraryPath = ConfigHandler::GetChannelRuntimePath("python", "default");
+        if (pythonLibraryPath.empty()) return;
+        Print("Looking for Python runtime in " + ConfigHandler::GetConfigSource() + ": " +
+              pythonLibraryPath);
+        if (loadSharedLibraryInstance()) {
+            Print("Python runtime not found in path: " + pythonLibraryPath +
+                  ".\n Set runtimePath in " + ConfigHandler::GetConfigSource() +
+                  " config file to libpython*.so file from Python installation directory.");
+            return;
+        }
+        found = true;
+        Print("Python runtime found in " + ConfigHandler::GetConfigSource() + ": " +
+              pythonLibraryPath);
+    });
+    return found;
+}
+
+bool PythonLauncher::FindInEnvironmentPath() {
+    EmptyPathOnFailure(pythonLibraryPath, [&] {
+        const char* value = std::getenv(kPathVariable);
+        if (value == nullptr) return;
+        Print("Looking for Python runtime in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
+              std::string(value));
+        pythonLibraryPath = value;
+    });
+    if (pythonLibraryPath.empty()) return false;
+    if (loadSharedLibraryInstance()) {
+        Print(
+            "Python runtime not found in path: " + pythonLibraryPath +
+            ".\n Set QUORVALEN_PYTHON_RUNTIME_PATH to libpython*.so file from Python installation "
+            "directory.");
+        return false;
+    }
+    Print("Python runtime found in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
+          pythonLibraryPath);
+    return true;
+}
+
+bool PythonLauncher::FindInEnvironmentVersion() {
+    EmptyPathOnFailure(pythonLibraryPath, [&] {
+        const char* value = std::getenv(kVersionVariable);
+        if (value == nullptr) return;
+        Print("Looking for Python runtime in QUORVALEN_PYTHON_VERSION environment variable: " +
+              std::string(value));
+        pythonLibraryPath = "libpython" + std::string(value) + ".so";
+    });
+    if (pythonLibraryPath.empty()) return false;
+    if (loadSharedLibraryInstance()) {
+        Print("Python runtime " + pythonLibraryPath +
+              " not found. Set QUORVALEN_PYTHON_VERSION as f. e. 3.13, and make sure it is "
+              "installed on your machine");
+        return false;
+    }
+    Print("Python runtime " + pythonLibraryPath +
+          " found in QUORVALEN_PYTHON_VERSION environment variable.");
+    return true;
+}
+
+// From the requested version downwards; newer ones are never tried. Silent.
+bool PythonLauncher::FindByVersion() {
+    const auto requested = static_cast<unsigned>(requestedVersion);
+    if (requested > kNewestVersion) return false;
+    const unsigned first = requestedVersion == PythonVersion::Any ? kNewestVersion : requested;
+    for (unsigned version = first; version >= kOldestVersion; --version) {
+        pythonLibraryPath =
+            versionDirectories[static_cast<PythonVersion>(version)] + kLibraryNames[version];
+        if (!loadSharedLibraryInstance()) return true;
+    }
+    return false;
+}

@@ -1,0 +1,160 @@
+// What the launcher tells about its runtime, how it hands its failures on, and how it shuts down.
+#include <dlfcn.h>
+
+#include <sstream>
+
+#include "Native/QuorvalenNativeException/Messages.h"
+#include "Runtimes/Python/Native/InterpreterLock.h"
+#include "Runtimes/Python/Native/PythonLauncher.h"
+
+using Quorvalen::Native::Definitions::RuntimeOperationMode;
+namespace Messages = Quorvalen::Native::Messages;
+
+namespace {
+
+// `threading` waits at shutdown for the thread that started the interpreter; on any other thread
+// that would be for ever.
+constexpr const char* kLetThreadingShutDownAtOnce =
+    "import sys\n"
+    "if 'threading' in sys.modules:\n"
+    "    sys.modules['threading']._shutdown = lambda: None\n";
+
+}  // namespace
+
+// A restart on another thread closes the library under the functions used here, so this counts as a
+// call inside the interpreter.
+std::string PythonLauncher::GetRuntimeInfo() {
+    const InterpreterGate::Pass pass(gate);
+    const std::string managed = GetRuntimeInfoFromManagedRuntime();
+    return GetRuntimeInfoFromNativeLevel() + "\n" + managed;
+}
+
+std::string PythonLauncher::GetRuntimeInfoFromNativeLevel() {
+    std::ostringstream info;
+    info << "Python Native Launcher Runtime Info:\n";
+    info << "Library Location: " << pythonLibraryPath << "\n";
+    if (python.Py_GetVersion_Fn != nullptr && python.Py_GetPlatform_Fn != nullptr) {
+        const char* version = python.Py_GetVersion_Fn();
+        const char* platform = python.Py_GetPlatform_Fn();
+        // By design: a null text puts the stream into its failed state, which ends the text.
+        info << "Runtime Version: " << version << "\n";
+        info << "Runtime Platform: " << platform << "\n";
+    }
+    return info.str();
+}
+
+std::string PythonLauncher::GetRuntimeInfoFromManagedRuntime() {
+    if (!MayAskManagedRuntime()) return "";
+    std::string info;
+    const ManagedAnswer answer = AskManagedRuntime(info);
+    if (answer.complete) GiveUpLockIfStillHeld(answer.lockState);
+    return info;
+}
+
+// Asking would wait for ever when a failed start left the lock with another thread.
+bool PythonLauncher::MayAskManagedRuntime() const {
+    const std::thread::id holder = startLockHolder.load();
+    if (!receiverClassBound.load()) return false;
+    if (holder == std::this_thread::get_id()) return true;
+    return running.load() && holder == std::thread::id();
+}
+
+PythonLauncher::ManagedAnswer PythonLauncher::AskManagedRuntime(std::string& info) {
+    const InterpreterLock lock(python);
+    try {
+        PyObject* function = python.PyObject_GetAttrString_Fn(receiverClass, "get_runtime_info");
+        if (function == nullptr) {
+            ShowPythonError();
+            return {false, lock.State()};
+        }
+        if (python.PyCallable_Check_Fn(function) == 0) {
+            python.Py_DecRef_Fn(function);
+            return {false, lock.State()};
+        }
+        PyObject* value = python.PyObject_CallObject_Fn(function, nullptr);
+        python.Py_DecRef_Fn(function);
+        if (value == nullptr) {
+            ShowPythonError();
+            return {false, lock.State()};
+        }
+        const OwnedReference owned(python, value);
+        info = TextOf(value);
+    } catch (const std::exception&) {
+        info.clear();
+    }
+    return {true, lock.State()};
+}
+
+// What is no valid text leaves a Python error pending, which would fail this thread's next command.
+std::string PythonLauncher::TextOf(PyObject* value) {
+    const char* text = python.PyUnicode_AsUTF8_Fn(value);
+    if (text != nullptr) return text;
+    ShowPythonError();
+    return "";
+}
+
+void PythonLauncher::HandleException(QuorvalenNativeException failure) {
+    const std::string message = failure.what();
+    throw QuorvalenNativeException(message + "\nRUNTIME INFO:\n" + GetRuntimeInfo(),
+                                   Messages::kUnknownRuntime);
+}
+
+PyObject* PythonLauncher::InitializeExceptionHandler() {
+    return python.PyObject_CallObject_Fn(exceptionHandlerInitializer, nullptr);
+}
+
+// Printing a pending SystemExit would end the host; it is reported as unraisable instead.
+void PythonLauncher::ShowPythonError() {
+    const bool canTell = python.PyErr_ExceptionMatches_Fn != nullptr &&
+                         python.PyErr_WriteUnraisable_Fn != nullptr &&
+                         python.PyExc_SystemExit != nullptr;
+    if (canTell && python.PyErr_ExceptionMatches_Fn(*python.PyExc_SystemExit) != 0) {
+        python.PyErr_WriteUnraisable_Fn(nullptr);
+    } else {
+        python.PyErr_Print_Fn();
+    }
+}
+
+// By design: without the response lock. The restart has emptied the responses under it before, and
+// a destructor has no readers.
+void PythonLauncher::Close() {
+    if (operationMode != RuntimeOperationMode::CalledRuntime) return;
+    running.store(false);
+    receiverClassBound.store(false);
+    if (interpreterInitialized) CloseInterpreter();
+    if (!responses.empty()) responses.clear();
+    if (pythonLibrary == nullptr) return;
+    dlclose(pythonLibrary);
+    pythonLibrary = nullptr;
+    python = PythonFunctions();
+}
+
+void PythonLauncher::CloseInterpreter() {
+    if (interpreterIsOurs && startingThread != std::this_thread::get_id()) {
+        python.PyRun_SimpleString_Fn(kLetThreadingShutDownAtOnce);
+    }
+    // By design: the exception handler initialiser is not among them.
+    for (PyObject* kept :
+         {sendCommand, heartBeat, receiverClass, moduleDictionary, module, moduleNameObject}) {
+        python.Py_DecRef_Fn(kept);
+    }
+    if (interpreterIsOurs) python.Py_Finalize_Fn();
+    interpreterInitialized = false;
+    interpreterIsOurs = false;
+    startLockHolder.store(std::thread::id());
+}
+
+PythonLauncher::~PythonLauncher() {
+    if (!interpreterInitialized) {
+        Close();
+        return;
+    }
+    // Waiting for a lock that a failed start left with another thread would be for ever.
+    const std::thread::id holder = startLockHolder.load();
+    if (holder != std::thread::id() && holder != std::this_thread::get_id()) return;
+    const PythonFunctions bound = python;
+    const bool finalised = interpreterIsOurs;
+    const int lockState = bound.PyGILState_Ensure_Fn();
+    Close();
+    if (!finalised) bound.PyGILState_Release_Fn(lockState);
+}
