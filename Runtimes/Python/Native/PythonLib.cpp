@@ -216,6 +216,10 @@ void* getPythonCallbackFunction() {
 
 void emptyFunctionInNativeLib() {}
 
-// The same function under its plain name, for callers that look it up as a C entry point.
-void emptyFunctionUnderPlainName() __asm__("emptyFunctionInNativeLib");
-QUORVALEN_EXPORT void emptyFunctionUnderPlainName() {}
+// What the compiler decorates is reachable under its plain name too, for callers that look it up.
+QUORVALEN_EXPORT void emptyFunctionUnderPlainName() __asm__("emptyFunctionInNativeLib")
+    __attribute__((alias("_Z24emptyFunctionInNativeLibv")));
+extern QUORVALEN_EXPORT std::string errorMessageUnderPlainName __asm__("errorMessage")
+    __attribute__((alias("_Z12errorMessageB5cxx11")));
+extern QUORVALEN_EXPORT std::string runtimeNameUnderPlainName __asm__("runtimeName")
+    __attribute__((alias("_Z11runtimeNameB5cxx11")));
