@@ -11,6 +11,7 @@ struct State {
     std::mutex lock;
     std::map<std::string, std::string> files;
     std::vector<std::string> calls;
+    std::string leavesError;
     bool bareNamesAllowed = false;
 };
 
@@ -40,6 +41,11 @@ void RecordCall(const char* path, int flags) {
                              std::to_string(flags));
 }
 
+bool LeavesError(const char* path) {
+    const std::lock_guard<std::mutex> guard(Shared().lock);
+    return path != nullptr && !Shared().leavesError.empty() && Shared().leavesError == path;
+}
+
 }  // namespace
 
 namespace DlopenShim {
@@ -64,6 +70,11 @@ void Clear() {
     Shared().calls.clear();
 }
 
+void LeaveErrorAfter(const std::string& path) {
+    const std::lock_guard<std::mutex> guard(Shared().lock);
+    Shared().leavesError = path;
+}
+
 }  // namespace DlopenShim
 
 extern "C" __attribute__((visibility("default"))) void* dlopen(const char* path,
@@ -72,5 +83,7 @@ extern "C" __attribute__((visibility("default"))) void* dlopen(const char* path,
     static const auto next = reinterpret_cast<Dlopen>(dlsym(RTLD_NEXT, "dlopen"));
     RecordCall(path, flags);
     const std::string file = FileFor(path);
-    return next(path == nullptr ? nullptr : file.c_str(), flags);
+    void* library = next(path == nullptr ? nullptr : file.c_str(), flags);
+    if (LeavesError(path)) static_cast<void>(dlsym(library, "no such name"));
+    return library;
 }

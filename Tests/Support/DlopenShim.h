@@ -19,4 +19,7 @@ void AllowBareNames();
 std::vector<std::string> Calls();
 void Clear();
 
+// From now on opening `path` succeeds but leaves an error text with the loader.
+void LeaveErrorAfter(const std::string& path);
+
 }  // namespace DlopenShim

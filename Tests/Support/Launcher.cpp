@@ -48,6 +48,10 @@ std::string Launcher::ManagedInfo() {
         "PythonLauncher::GetRuntimeInfoFromManagedRuntime()")(launcher);
 }
 
+// Not by delete, which would free the memory under the class's size.
 void Launcher::Destroy() {
-    delete std::exchange(launcher, nullptr);
+    ILauncher* destroyed = std::exchange(launcher, nullptr);
+    if (destroyed == nullptr) return;
+    destroyed->~ILauncher();
+    ::operator delete(static_cast<void*>(destroyed));
 }

@@ -1,5 +1,6 @@
 #include "Tests/Support/Scopes.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -55,6 +56,8 @@ Capture::~Capture() {
     std::fflush(nullptr);
     dup2(saved, descriptor);
     close(saved);
+    // The reasons of a failure may be among what was taken.
+    if (testing::Test::HasFailure()) std::cerr << ContentsOf(fileName);
     std::remove(fileName.c_str());
 }
 

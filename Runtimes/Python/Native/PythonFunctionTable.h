@@ -50,6 +50,7 @@ QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyEval_InitThreads, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyObject_IsInstance, (PyObject*, PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyErr_ExceptionMatches, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyErr_WriteUnraisable, (PyObject*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Swap, (void*))
 QUORVALEN_OPTIONAL_PYTHON_OBJECT(PyObject, PyByteArray_Type)   // the object itself
 QUORVALEN_OPTIONAL_PYTHON_OBJECT(PyObject*, PyExc_SystemExit)  // a variable that points to it
 

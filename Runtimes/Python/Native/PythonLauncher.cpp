@@ -65,6 +65,9 @@ std::string PythonLauncher::GetRuntimeName() {
 }
 
 int PythonLauncher::Start(unsigned char version) {
+    // Another thread's restart must not close the interpreter under this start, nor the other way
+    // round; the restart's own start passes freely.
+    const InterpreterGate::Pass pass(gate);
     const std::lock_guard<std::mutex> lock(startLock);
     RefuseStartWhileAnotherThreadHoldsTheLock();
     requestedVersion = static_cast<PythonVersion>(version);
@@ -96,7 +99,10 @@ void PythonLauncher::OpenPythonLibrary() {
 // calling through them.
 void PythonLauncher::BindPythonFunctions() {
     const PythonFunctions bound = PythonFunctions::BoundTo(pythonLibrary);
-    if (bound != python) python = bound;
+    if (bound != python) {
+        const std::lock_guard<std::mutex> lock(libraryLock);
+        python = bound;
+    }
     if (!python.IsComplete()) throw Failure(Messages::kPythonFunctionMissing);
 }
 
@@ -127,10 +133,11 @@ void PythonLauncher::InitializeInterpreter() {
 
 // By design: a failure in the steps that follow leaves the lock with this thread.
 int PythonLauncher::TakeInterpreterLockForStart() {
+    const bool keptByFailedStart = startLockHolder.load() == std::this_thread::get_id();
     const int lockState = python.PyGILState_Ensure_Fn();
     startLockHolder.store(std::this_thread::get_id());
     // Only the thread that initialised the interpreter holds the lock without having asked for it.
-    if (lockState == kLockWasHeld && !interpreterIsOurs) {
+    if (lockState == kLockWasHeld && !keptByFailedStart && !interpreterIsOurs) {
         interpreterIsOurs = true;
         startingThread = std::this_thread::get_id();
     }
@@ -199,7 +206,7 @@ void PythonLauncher::ForgetKeptObjects() {
 void PythonLauncher::FinishStart(int lockState) {
     startLockHolder.store(std::thread::id());
     python.PyGILState_Release_Fn(lockState);
-    if (lockState != kLockWasNotHeld) python.PyEval_SaveThread_Fn();
+    if (lockState != kLockWasNotHeld) startingThreadState = python.PyEval_SaveThread_Fn();
     running.store(true);
 }
 

@@ -113,6 +113,9 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     [[noreturn]] void FailStart(const std::string& message);
 
     // Search
+    void SetLibraryPath(std::string path);
+    template <typename Operation>
+    void EmptyPathOnFailure(Operation operation);
     bool FindInConfiguration();
     bool FindInEnvironmentPath();
     bool FindInEnvironmentVersion();
@@ -142,6 +145,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     std::string TextOf(PyObject* value);
     void ShowPythonError();
     void CloseInterpreter();
+    void BecomeStartingThread();
 
     PythonVersion requestedVersion;
     std::map<PythonVersion, std::string> versionDirectories;
@@ -164,6 +168,9 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     std::map<std::thread::id, Bytes> responses;
     std::mutex startLock;
     std::mutex responseLock;  // guards `responses` alone; never held while Python runs
+    // Guards the writing of `pythonLibraryPath` and `python` against threads that ask for runtime
+    // information meanwhile; never held while Python runs.
+    std::mutex libraryLock;
     std::string runtimeName;
 
     // Commands may be handed to the interpreter.
@@ -177,5 +184,6 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     // False when somebody else had started the interpreter: it is not ours to finalise.
     bool interpreterIsOurs = false;
     std::thread::id startingThread;
+    void* startingThreadState = nullptr;  // the interpreter's; null while its thread holds the lock
     InterpreterGate gate;
 };

@@ -132,8 +132,9 @@ PythonLauncher::Bytes PythonLauncher::CopyOf(PyObject* byteArray) {
 // check always answers yes.
 void PythonLauncher::GiveUpLockIfStillHeld(int lockState) {
     if (python.PyGILState_Check_Fn() <= 0 || lockState == kLockWasNotHeld) return;
-    python.PyEval_SaveThread_Fn();
+    void* threadState = python.PyEval_SaveThread_Fn();
     if (startLockHolder.load() == std::this_thread::get_id()) {
+        startingThreadState = threadState;
         startLockHolder.store(std::thread::id());
     }
 }

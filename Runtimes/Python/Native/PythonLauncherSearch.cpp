@@ -32,16 +32,6 @@ void Print(const std::string& line) {
     std::cout << line << std::endl;
 }
 
-// Runs one stage's reading of its source; when that fails the stage has no path to offer.
-template <typename Operation>
-void EmptyPathOnFailure(std::string& path, Operation operation) {
-    try {
-        operation();
-    } catch (const std::exception&) {
-        path.clear();
-    }
-}
-
 }  // namespace
 
 int PythonLauncher::SetPath(unsigned char version, std::string path) {
@@ -65,10 +55,25 @@ int PythonLauncher::loadSharedLibraryForSpecificVersion() {
     throw QuorvalenNativeException(Messages::kPythonNotFound, Messages::kUnknownRuntime);
 }
 
+void PythonLauncher::SetLibraryPath(std::string path) {
+    const std::lock_guard<std::mutex> lock(libraryLock);
+    pythonLibraryPath = std::move(path);
+}
+
+// Runs one stage's reading of its source; when that fails the stage has no path to offer.
+template <typename Operation>
+void PythonLauncher::EmptyPathOnFailure(Operation operation) {
+    try {
+        operation();
+    } catch (const std::exception&) {
+        SetLibraryPath("");
+    }
+}
+
 bool PythonLauncher::FindInConfiguration() {
     bool found = false;
-    EmptyPathOnFailure(pythonLibraryPath, [&] {
-        pythonLibraryPath = ConfigHandler::GetChannelRuntimePath("python", "default");
+    EmptyPathOnFailure([&] {
+        SetLibraryPath(ConfigHandler::GetChannelRuntimePath("python", "default"));
         if (pythonLibraryPath.empty()) return;
         Print("Looking for Python runtime in " + ConfigHandler::GetConfigSource() + ": " +
               pythonLibraryPath);
@@ -78,20 +83,21 @@ bool PythonLauncher::FindInConfiguration() {
                   " config file to libpython*.so file from Python installation directory.");
             return;
         }
-        found = true;
         Print("Python runtime found in " + ConfigHandler::GetConfigSource() + ": " +
               pythonLibraryPath);
+        // By design: an exception of the last message sends the search on too.
+        found = true;
     });
     return found;
 }
 
 bool PythonLauncher::FindInEnvironmentPath() {
-    EmptyPathOnFailure(pythonLibraryPath, [&] {
+    EmptyPathOnFailure([&] {
         const char* value = std::getenv(kPathVariable);
         if (value == nullptr) return;
         Print("Looking for Python runtime in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
               std::string(value));
-        pythonLibraryPath = value;
+        SetLibraryPath(value);
     });
     if (pythonLibraryPath.empty()) return false;
     if (loadSharedLibraryInstance()) {
@@ -107,12 +113,12 @@ bool PythonLauncher::FindInEnvironmentPath() {
 }
 
 bool PythonLauncher::FindInEnvironmentVersion() {
-    EmptyPathOnFailure(pythonLibraryPath, [&] {
+    EmptyPathOnFailure([&] {
         const char* value = std::getenv(kVersionVariable);
         if (value == nullptr) return;
         Print("Looking for Python runtime in QUORVALEN_PYTHON_VERSION environment variable: " +
               std::string(value));
-        pythonLibraryPath = "libpython" + std::string(value) + ".so";
+        SetLibraryPath("libpython" + std::string(value) + ".so");
     });
     if (pythonLibraryPath.empty()) return false;
     if (loadSharedLibraryInstance()) {
@@ -132,8 +138,8 @@ bool PythonLauncher::FindByVersion() {
     if (requested > kNewestVersion) return false;
     const unsigned first = requestedVersion == PythonVersion::Any ? kNewestVersion : requested;
     for (unsigned version = first; version >= kOldestVersion; --version) {
-        pythonLibraryPath =
-            versionDirectories[static_cast<PythonVersion>(version)] + kLibraryNames[version];
+        SetLibraryPath(versionDirectories[static_cast<PythonVersion>(version)] +
+                       kLibraryNames[version]);
         if (!loadSharedLibraryInstance()) return true;
     }
     return false;

@@ -30,12 +30,17 @@ std::string PythonLauncher::GetRuntimeInfo() {
 }
 
 std::string PythonLauncher::GetRuntimeInfoFromNativeLevel() {
+    std::unique_lock<std::mutex> lock(libraryLock);
+    const std::string path = pythonLibraryPath;
+    const auto askVersion = python.Py_GetVersion_Fn;
+    const auto askPlatform = python.Py_GetPlatform_Fn;
+    lock.unlock();
     std::ostringstream info;
     info << "Python Native Launcher Runtime Info:\n";
-    info << "Library Location: " << pythonLibraryPath << "\n";
-    if (python.Py_GetVersion_Fn != nullptr && python.Py_GetPlatform_Fn != nullptr) {
-        const char* version = python.Py_GetVersion_Fn();
-        const char* platform = python.Py_GetPlatform_Fn();
+    info << "Library Location: " << path << "\n";
+    if (askVersion != nullptr && askPlatform != nullptr) {
+        const char* version = askVersion();
+        const char* platform = askPlatform();
         // By design: a null text puts the stream into its failed state, which ends the text.
         info << "Runtime Version: " << version << "\n";
         info << "Runtime Platform: " << platform << "\n";
@@ -126,22 +131,31 @@ void PythonLauncher::Close() {
     if (pythonLibrary == nullptr) return;
     dlclose(pythonLibrary);
     pythonLibrary = nullptr;
+    const std::lock_guard<std::mutex> lock(libraryLock);
     python = PythonFunctions();
 }
 
 void PythonLauncher::CloseInterpreter() {
-    if (interpreterIsOurs && startingThread != std::this_thread::get_id()) {
-        python.PyRun_SimpleString_Fn(kLetThreadingShutDownAtOnce);
-    }
+    const bool elsewhere = interpreterIsOurs && startingThread != std::this_thread::get_id();
+    if (elsewhere) python.PyRun_SimpleString_Fn(kLetThreadingShutDownAtOnce);
     // By design: the exception handler initialiser is not among them.
     for (PyObject* kept :
          {sendCommand, heartBeat, receiverClass, moduleDictionary, module, moduleNameObject}) {
         python.Py_DecRef_Fn(kept);
     }
+    if (elsewhere) BecomeStartingThread();
     if (interpreterIsOurs) python.Py_Finalize_Fn();
     interpreterInitialized = false;
     interpreterIsOurs = false;
+    startingThreadState = nullptr;
     startLockHolder.store(std::thread::id());
+}
+
+// From 3.13 on, finalising on any other thread than the starting one frees the state that the thread
+// is running on, so the thread puts on the starting thread's state first.
+void PythonLauncher::BecomeStartingThread() {
+    if (python.PyThreadState_Swap_Fn == nullptr || startingThreadState == nullptr) return;
+    python.PyThreadState_Swap_Fn(startingThreadState);
 }
 
 PythonLauncher::~PythonLauncher() {
