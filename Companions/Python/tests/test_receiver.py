@@ -388,11 +388,14 @@ class FailureTest(ReceiverTest):
         self.assertNotIn("Receiver.py", text)
         self.assertNotIn("operations.py", text)
 
-    def test_wrong_arguments_show_no_frames_of_ours(self):
+    def test_failure_in_no_frame_of_the_users_shows_the_whole_traceback(self):
         text = self.assert_exception(
             "builtins.TypeError", "identity() missing 1 required positional argument: 'value'", call("sample.identity")
         )
-        self.assertEqual("TypeError: identity() missing 1 required positional argument: 'value'\n", text)
+        lines = text.splitlines()
+        self.assertEqual("Traceback (most recent call last):", lines[0])
+        self.assertIn("operations.py", text)
+        self.assertEqual("TypeError: identity() missing 1 required positional argument: 'value'", lines[-1])
 
     def test_endless_recursion(self):
         text = self.assert_exception(

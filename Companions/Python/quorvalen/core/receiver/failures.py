@@ -6,7 +6,7 @@ called on any thread.
 
 import traceback
 
-from quorvalen.core.command import EXCEPTION, HEADER_LENGTH, MAXIMUM_LENGTH, response_header
+from quorvalen.core.command import EXCEPTION, HEADER_LENGTH, MAXIMUM_LENGTH, MalformedCommand, response_header
 from quorvalen.core.values import encode_text, type_name
 
 # Frames of these modules at the head of a traceback are the way to the user's code, not part of it.
@@ -40,12 +40,16 @@ def _message(error):
 
 def _traceback(error):
     try:
-        return "".join(traceback.format_exception(type(error), error, _users_part(error.__traceback__)))
+        # A command that we refuse says itself what is wrong with it.
+        frames = None if type(error) is MalformedCommand else _users_part(error.__traceback__)
+        return "".join(traceback.format_exception(type(error), error, frames))
     except BaseException as failure:
         return "(cannot be shown: formatting it raised {})\n".format(type_name(type(failure)))
 
 
 def _users_part(frames):
-    while frames is not None and str(frames.tb_frame.f_globals.get("__name__")).startswith(_OWN_MODULES):
-        frames = frames.tb_next
-    return frames
+    """Return the frames behind our own. A wrong name or a wrong argument has none: all frames are shown then."""
+    user = frames
+    while user is not None and str(user.tb_frame.f_globals.get("__name__")).startswith(_OWN_MODULES):
+        user = user.tb_next
+    return frames if user is None else user
