@@ -6,9 +6,11 @@
 namespace Quorvalen::Native::Definitions {
 
 // Returns the symbol `name` of `library` (a dlopen handle) as a `Pointer`, or null when the library
-// has no such symbol. The pointer is valid as long as the library stays open.
+// has no such symbol or is not open. The pointer is valid as long as the library stays open.
 template <typename Pointer>
 Pointer LookUpSymbol(void* library, const char* name) {
+    // The loader takes a null handle for the whole process, in which this very library has the name.
+    if (library == nullptr) return nullptr;
     return reinterpret_cast<Pointer>(dlsym(library, name));
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Native/QuorvalenNativeException/QuorvalenNativeException.h"
@@ -85,9 +86,15 @@ std::string LibrariesFinder::getThisLibraryPath() {
 }
 
 const std::string& LibrariesFinder::getPathToDir() {
-    // Never freed: other static objects may still load libraries while the process ends.
-    static const std::string* pathToDir = new std::string(getThisLibraryPath());
-    return *pathToDir;
+    // Not computed in the static's initialisation: a failure is recorded, recording loads libraries
+    // and so comes back here, and a recursive initialisation ends the process. Never freed: other
+    // static objects may still load libraries while the process ends.
+    static std::atomic<const std::string*> pathToDir = nullptr;
+    if (const std::string* known = pathToDir.load(std::memory_order_acquire)) return *known;
+    auto computed = std::make_unique<const std::string>(getThisLibraryPath());
+    const std::string* first = nullptr;
+    if (!pathToDir.compare_exchange_strong(first, computed.get())) return *first;
+    return *computed.release();
 }
 
 std::string LibrariesFinder::getBinariesRootPath() {

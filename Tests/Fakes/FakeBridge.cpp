@@ -6,14 +6,19 @@
 // deep binding).
 //
 // Failures by Fakes::Fail: "<name> CreateReceiver" and "<name> CreateTransmitter" return null,
-// "<name> receiver Initialize" throws the coded exception, "<name> receiver throws" throws
-// std::runtime_error("<name> receiver threw") from the next receiver call of any kind.
+// "<name> CreateReceiver throws" and "<name> CreateTransmitter throws" throw
+// std::runtime_error("<name> CreateReceiver threw"), "<name> receiver Initialize" throws the coded
+// exception, "<name> receiver throws" throws std::runtime_error("<name> receiver threw") from the
+// next receiver call of any kind, "<name> receiver throws a number" throws 42 from it, and
+// "<name> transmitter throws" does the same as "<name> receiver throws" for the transmitter.
 // Answers: "<name> receiver result" and "<name> transmitter result" are returned by the calls;
 // Text "<name> response" is copied by ReadResponse.
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "Native/QuorvalenNativeException/QuorvalenNativeException.h"
 #include "Tests/Fakes/Recorder.h"
@@ -80,6 +85,7 @@ class Receiver : public SlotOrder::IReceiver {
         if (MustFail(kName + " receiver throws")) {
             throw std::runtime_error(kName + " receiver threw");
         }
+        if (MustFail(kName + " receiver throws a number")) throw 42;
         return Result("receiver");
     }
 };
@@ -108,9 +114,28 @@ class Transmitter : public SlotOrder::ITransmitter {
   private:
     static int Call(const std::string& call) {
         Record(kName + " transmitter " + call + ")");
+        if (MustFail(kName + " transmitter throws")) {
+            throw std::runtime_error(kName + " transmitter threw");
+        }
         return Result("transmitter");
     }
 };
+
+// A real bridge keeps the objects that it hands out, whatever becomes of the caller's pointers.
+template <typename Object>
+Object* Kept(Object* created) {
+    static auto* all = new std::vector<Object*>;
+    static auto* lock = new std::mutex;
+    const std::lock_guard<std::mutex> guard(*lock);
+    all->push_back(created);
+    return created;
+}
+
+void ThrowIfTold(const std::string& function) {
+    if (MustFail(kName + " " + function + " throws")) {
+        throw std::runtime_error(kName + " " + function + " threw");
+    }
+}
 
 }  // namespace
 
@@ -130,14 +155,16 @@ SlotOrder::IReceiver* CreateReceiver(int mode) {
     call += std::string(" sees ") + bridgeMarker();
 #endif
     Record(call);
-    return MustFail(kName + " CreateReceiver") ? nullptr : new Receiver;
+    ThrowIfTold("CreateReceiver");
+    return MustFail(kName + " CreateReceiver") ? nullptr : Kept(new Receiver);
 }
 #endif
 
 #ifndef FAKE_WITHOUT_CREATE_TRANSMITTER
 SlotOrder::ITransmitter* CreateTransmitter(int mode) {
     Record(kName + " CreateTransmitter(" + std::to_string(mode) + ")");
-    return MustFail(kName + " CreateTransmitter") ? nullptr : new Transmitter;
+    ThrowIfTold("CreateTransmitter");
+    return MustFail(kName + " CreateTransmitter") ? nullptr : Kept(new Transmitter);
 }
 #endif
 

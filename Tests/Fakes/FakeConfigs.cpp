@@ -4,7 +4,8 @@
 // written to the buffer and its length returned; SetNumber("<function> result", n) is returned in
 // its place (the text is still written); integer functions return SetNumber("<function>", n). Fail
 // lets a function return -1 with the text "<function> failed". With SetNumber("configs throw", 1)
-// the "GetConfigSource" function throws a std::runtime_error("configs threw").
+// the "GetConfigSource" function throws a std::runtime_error("configs threw"). Fail("<function>
+// throws") lets any function throw std::runtime_error("<function> threw").
 //
 // Variants: one per function that lacks just that function (a version script hides it).
 #include <algorithm>
@@ -21,7 +22,12 @@ using Fakes::Number;
 using Fakes::Record;
 using Fakes::Text;
 
+void ThrowIfTold(const std::string& function) {
+    if (MustFail(function + " throws")) throw std::runtime_error(function + " threw");
+}
+
 int WriteText(const std::string& function, char* buffer, unsigned long size) {
+    ThrowIfTold(function);
     const bool fails = MustFail(function);
     const std::string value = fails ? function + " failed" : Text(function);
     const std::size_t count = std::min<std::size_t>(value.size(), size);
@@ -46,11 +52,13 @@ int ChannelFunction(const char* function, const char* runtime, const char* chann
 
 int NumberFunction(const char* function) {
     Record(std::string(function) + "()");
+    ThrowIfTold(function);
     return static_cast<int>(Number(function));
 }
 
 int Setter(const char* function, const char* value) {
     Record(std::string(function) + "(\"" + value + "\")");
+    ThrowIfTold(function);
     return MustFail(function) ? -1 : static_cast<int>(Number(function));
 }
 
@@ -96,6 +104,7 @@ int GetProxyPort() {
 
 int GetChannelPort(const char* runtime, const char* channel) {
     Record(std::string(__func__) + "(\"" + runtime + "\", \"" + channel + "\")");
+    ThrowIfTold(__func__);
     return static_cast<int>(Number(__func__));
 }
 

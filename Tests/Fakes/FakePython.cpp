@@ -1,28 +1,36 @@
 // A recording fake of the Python library. It records every call with its arguments and models as
-// much of an interpreter as the bridge's decisions rest on: whether it is initialised and which
-// thread holds the interpreter lock. It is no thread-safe interpreter: PyGILState_Ensure does not
-// block.
+// much of an interpreter as the bridge's decisions rest on: whether it is initialised, which thread
+// holds the interpreter lock and how many commands are inside. Without "lock blocks" it is no
+// thread-safe interpreter: PyGILState_Ensure gives the lock to whoever asks. It stays mapped once
+// opened, like the Python libraries that extension modules keep in place.
 //
 // Variants, by compile definition or link option:
 //   FAKE_PYTHON_OPTIONAL   also exports the optional functions and objects
-//   one variant per required name that lacks just that name (a version script hides it)
+//   one variant per name, required or optional, that lacks just that name (a version script hides
+//   it)
 //
 // Failures, by Fakes::Fail with the function's name: pointers become null, PyRun_SimpleString -1,
-// PyCallable_Check and Py_IsInitialized 0, PyByteArray_Size -1.
+// PyCallable_Check and Py_IsInitialized 0, PyByteArray_Size and PyObject_IsInstance -1;
+// "call <name>" lets the call of that Python function fail, "command <text>" the command whose
+// bytes after the header are this text.
 //
 // Answers, by Fakes::SetText / SetNumber:
-//   "response"                the bytes that every command returns (default "response")
-//   "runtime info"            the text of get_runtime_info (default "Fake Python")
-//   "version", "platform"     texts of Py_GetVersion and Py_GetPlatform; the value "<null>" gives
-//   null "without <attribute>" 1   the receiver class lacks the attribute "not callable <name>" 1
-//   PyCallable_Check answers 0 for the object of that name "lock state" PyGILState_Ensure answers
-//   this instead of what the model says "lock check"              PyGILState_Check answers this
-//   instead of what the model says "result type"             1: commands return an object that is
-//   no bytearray "pending SystemExit" 1    PyErr_ExceptionMatches answers 1 "already running" 1 the
-//   interpreter was started by somebody else before the bridge came
+//   "response"               the bytes that every command returns (default "response")
+//   "echo" 1                 commands return their own bytes after the header instead
+//   "runtime info"           the text of get_runtime_info (default "Fake Python")
+//   "version", "platform"    the texts of Py_GetVersion and Py_GetPlatform; "<null>" gives null
+//   "without <attribute>" 1  the receiver class lacks the attribute
+//   "not callable <name>" 1  PyCallable_Check answers 0 for the object of that name
+//   "lock state"             what PyGILState_Ensure answers instead of what the model says
+//   "lock check"             what PyGILState_Check answers instead of what the model says
+//   "lock blocks" 1          PyGILState_Ensure waits until no other thread holds the lock
+//   "result type" 1          commands return an object that is no bytearray
+//   "pending SystemExit" 1   PyErr_ExceptionMatches answers 1
+//   "already running" 1      somebody else started the interpreter before the bridge came
+#include <condition_variable>
+#include <cstdarg>
 #include <cstddef>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -45,10 +53,13 @@ using Fakes::Text;
 
 struct Interpreter {
     std::mutex lock;
+    std::condition_variable lockIsFree;
     bool initialised = false;
-    std::thread::id holder{};                    // of the interpreter lock
-    std::map<std::thread::id, int> ensureDepth;  // how often each thread has asked
-    std::vector<PyObject*> objects;              // freed never: a test process is short
+    std::thread::id holder{};              // of the interpreter lock
+    int savedThreads = 0;                  // thread states are named by their number
+    int commandsInside = 0;                // calls of Python functions that have arguments
+    std::vector<PyObject*> objects;        // freed never: a test process is short
+    std::vector<std::string*> textsGiven;  // neither are they
 };
 
 Interpreter& Shared() {
@@ -72,7 +83,9 @@ std::string Quoted(const char* text) {
 
 const char* NullOr(const std::string& text) {
     if (text == "<null>") return nullptr;
-    return (new std::string(text))->c_str();
+    const std::lock_guard<std::mutex> guard(Shared().lock);
+    Shared().textsGiven.push_back(new std::string(text));
+    return Shared().textsGiven.back()->c_str();
 }
 
 bool Initialised() {
@@ -81,17 +94,31 @@ bool Initialised() {
 }
 
 int TakeLock() {
-    const std::lock_guard<std::mutex> guard(Shared().lock);
-    const bool held = Shared().holder == std::this_thread::get_id();
-    Shared().holder = std::this_thread::get_id();
-    ++Shared().ensureDepth[std::this_thread::get_id()];
+    const bool blocks = Number("lock blocks") != 0;
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> guard(Shared().lock);
+    const bool held = Shared().holder == self;
+    const auto isFree = [] { return Shared().holder == std::thread::id(); };
+    if (blocks && !held) Shared().lockIsFree.wait(guard, isFree);
+    Shared().holder = self;
     return static_cast<int>(Number("lock state", held ? 0 : 1));
 }
 
-void GiveLockBack(int state) {
-    const std::lock_guard<std::mutex> guard(Shared().lock);
-    --Shared().ensureDepth[std::this_thread::get_id()];
-    if (state == 1) Shared().holder = std::thread::id();
+void SetHolder(std::thread::id holder, bool initialised) {
+    {
+        const std::lock_guard<std::mutex> guard(Shared().lock);
+        Shared().holder = holder;
+        Shared().initialised = initialised;
+    }
+    Shared().lockIsFree.notify_all();
+}
+
+void LetLockGo() {
+    {
+        const std::lock_guard<std::mutex> guard(Shared().lock);
+        Shared().holder = std::thread::id();
+    }
+    Shared().lockIsFree.notify_all();
 }
 
 bool HoldsLock() {
@@ -99,10 +126,42 @@ bool HoldsLock() {
     return Shared().holder == std::this_thread::get_id();
 }
 
-void SetHolder(std::thread::id holder, bool initialised) {
+int NextSavedThread() {
     const std::lock_guard<std::mutex> guard(Shared().lock);
-    Shared().holder = holder;
-    Shared().initialised = initialised;
+    return ++Shared().savedThreads;
+}
+
+// A command inside the interpreter, for as long as its Python function runs.
+class CommandInside {
+  public:
+    CommandInside() { Add(1); }
+    ~CommandInside() { Add(-1); }
+    CommandInside(const CommandInside&) = delete;
+    CommandInside& operator=(const CommandInside&) = delete;
+
+  private:
+    static void Add(int difference) {
+        const std::lock_guard<std::mutex> guard(Shared().lock);
+        Shared().commandsInside += difference;
+    }
+};
+
+// A finalisation under running commands crashes a real interpreter; here the trace tells.
+std::string CommandsInside() {
+    const std::lock_guard<std::mutex> guard(Shared().lock);
+    const int count = Shared().commandsInside;
+    return count == 0 ? "" : " under " + std::to_string(count) + " running commands";
+}
+
+PyObject* AnswerCommand(const std::string& command) {
+    if (MustFail("command " + command)) return nullptr;
+    if (Number("result type") != 0) return Object("no bytearray");
+    return Object("result", Number("echo") != 0 ? command : Text("response", "response"));
+}
+
+std::string WithoutHeader(const std::string& message) {
+    constexpr std::size_t kHeaderSize = 11;
+    return message.size() < kHeaderSize ? "" : message.substr(kHeaderSize);
 }
 
 }  // namespace
@@ -116,7 +175,7 @@ void Py_Initialize() {
 }
 
 void Py_Finalize() {
-    Record("Py_Finalize()");
+    Record("Py_Finalize()" + CommandsInside());
     SetHolder(std::thread::id(), false);
 }
 
@@ -157,13 +216,18 @@ int PyRun_SimpleString(const char* statement) {
 }
 
 PyObject* PyObject_CallObject(PyObject* function, PyObject* arguments) {
-    Record("PyObject_CallObject(" + Name(function) + ", " + Name(arguments) + ")");
-    if (MustFail("PyObject_CallObject") || MustFail("call " + Name(function))) return nullptr;
-    if (Name(function) == "get_runtime_info") {
-        return Object("info", Text("runtime info", "Fake Python"));
+    const std::string name = Name(function);
+    const std::string call = "PyObject_CallObject(" + name + ", " + Name(arguments) + ")";
+    if (arguments != nullptr) {
+        const CommandInside inside;
+        Record(call);
+        if (MustFail("PyObject_CallObject") || MustFail("call " + name)) return nullptr;
+        return AnswerCommand(arguments->bytes);
     }
-    if (Number("result type") != 0) return Object("no bytearray");
-    return Object("result", Text("response", "response"));
+    Record(call);
+    if (MustFail("PyObject_CallObject") || MustFail("call " + name)) return nullptr;
+    return Object(name == "get_runtime_info" ? "info" : "result",
+                  Text("runtime info", "Fake Python"));
 }
 
 std::ptrdiff_t PyByteArray_Size(PyObject* object) {
@@ -189,7 +253,7 @@ int PyGILState_Ensure() {
 
 void PyGILState_Release(int state) {
     Record("PyGILState_Release(" + std::to_string(state) + ")");
-    GiveLockBack(state);
+    if (state == 1) LetLockGo();
 }
 
 int PyGILState_Check() {
@@ -200,9 +264,8 @@ int PyGILState_Check() {
 
 void* PyEval_SaveThread() {
     Record("PyEval_SaveThread()");
-    const std::lock_guard<std::mutex> guard(Shared().lock);
-    Shared().holder = std::thread::id();
-    return nullptr;
+    LetLockGo();
+    return Object("thread state " + std::to_string(NextSavedThread()));
 }
 
 const char* Py_GetVersion() {
@@ -237,12 +300,17 @@ PyObject* PyBytes_FromStringAndSize(const char* bytes, std::ptrdiff_t length) {
            (length < 0 ? std::to_string(length)
                        : Fakes::ShowBytes(reinterpret_cast<const unsigned char*>(bytes), shown)) +
            ")");
-    return fails ? nullptr : Object("bytes");
+    return fails ? nullptr : Object("bytes", std::string(bytes, static_cast<std::size_t>(length)));
 }
 
 PyObject* PyTuple_Pack(std::ptrdiff_t count, ...) {
     Record("PyTuple_Pack(" + std::to_string(count) + ")");
-    return MustFail("PyTuple_Pack") ? nullptr : Object("arguments");
+    va_list items;
+    va_start(items, count);
+    const PyObject* bytes = va_arg(items, PyObject*);
+    va_end(items);
+    if (MustFail("PyTuple_Pack")) return nullptr;
+    return Object("arguments", WithoutHeader(bytes->bytes));
 }
 
 #ifdef FAKE_PYTHON_OPTIONAL
@@ -253,6 +321,11 @@ PyObject* PyExc_SystemExit = &systemExit;
 
 void Py_IncRef(PyObject* object) {
     Record("Py_IncRef(" + Name(object) + ")");
+}
+
+void* PyThreadState_Swap(void* state) {
+    Record("PyThreadState_Swap(" + Name(static_cast<PyObject*>(state)) + ")");
+    return nullptr;
 }
 
 void PyEval_InitThreads() {

@@ -1,5 +1,6 @@
 #include "Tests/Fakes/Recorder.h"
 
+#include <atomic>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -18,6 +19,7 @@ struct State {
     std::map<std::string, Failure> failures;
     std::map<std::string, std::string> texts;
     std::map<std::string, long long> numbers;
+    std::atomic<void (*)(const std::string&)> hook = nullptr;
 };
 
 // Never destroyed: fakes record while the process ends.
@@ -36,8 +38,11 @@ Value Find(const std::map<std::string, Value>& values, const std::string& name,
 }  // namespace
 
 void Record(const std::string& call) {
-    const std::lock_guard<std::mutex> guard(Shared().lock);
-    Shared().trace.push_back(call);
+    {
+        const std::lock_guard<std::mutex> guard(Shared().lock);
+        Shared().trace.push_back(call);
+    }
+    if (const auto hook = Shared().hook.load()) hook(call);
 }
 
 std::vector<std::string> Trace() {
@@ -48,6 +53,10 @@ std::vector<std::string> Trace() {
 void ClearTrace() {
     const std::lock_guard<std::mutex> guard(Shared().lock);
     Shared().trace.clear();
+}
+
+void SetHook(void (*hook)(const std::string& call)) {
+    Shared().hook.store(hook);
 }
 
 void Fail(const std::string& function, int nth, bool forever) {

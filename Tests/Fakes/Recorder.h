@@ -13,6 +13,10 @@ void Record(const std::string& call);
 std::vector<std::string> Trace();
 void ClearTrace();
 
+// Calls `hook` with every call as it is recorded, on the recording thread, so that a test can act
+// in the middle of an operation. Null ends that.
+void SetHook(void (*hook)(const std::string& call));
+
 // --- Failures ---------------------------------------------------------------------------------
 // Lets the call number `nth` (1 is the next one) of `function` fail, and all later ones too when
 // `forever`.

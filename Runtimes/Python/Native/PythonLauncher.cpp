@@ -83,8 +83,8 @@ int PythonLauncher::Start(unsigned char version) {
 
 // A failed start keeps the interpreter lock; a start on another thread would wait for it for ever.
 void PythonLauncher::RefuseStartWhileAnotherThreadHoldsTheLock() {
-    const std::thread::id holder = startLockHolder.load();
-    if (holder != std::thread::id() && holder != std::this_thread::get_id()) {
+    const std::uint64_t holder = startLockHolder.load();
+    if (holder != kNoThread && holder != ThisThreadsNumber()) {
         throw Failure(Messages::kLockHeldByFailedStart);
     }
 }
@@ -133,13 +133,13 @@ void PythonLauncher::InitializeInterpreter() {
 
 // By design: a failure in the steps that follow leaves the lock with this thread.
 int PythonLauncher::TakeInterpreterLockForStart() {
-    const bool keptByFailedStart = startLockHolder.load() == std::this_thread::get_id();
+    const bool keptByFailedStart = startLockHolder.load() == ThisThreadsNumber();
     const int lockState = python.PyGILState_Ensure_Fn();
-    startLockHolder.store(std::this_thread::get_id());
+    startLockHolder.store(ThisThreadsNumber());
     // Only the thread that initialised the interpreter holds the lock without having asked for it.
     if (lockState == kLockWasHeld && !keptByFailedStart && !interpreterIsOurs) {
         interpreterIsOurs = true;
-        startingThread = std::this_thread::get_id();
+        startingThread = ThisThreadsNumber();
     }
     return lockState;
 }
@@ -204,7 +204,7 @@ void PythonLauncher::ForgetKeptObjects() {
 // When the interpreter was running already, giving the state back has given the lock back too, and
 // there is no thread state left to save.
 void PythonLauncher::FinishStart(int lockState) {
-    startLockHolder.store(std::thread::id());
+    startLockHolder.store(kNoThread);
     python.PyGILState_Release_Fn(lockState);
     if (lockState != kLockWasNotHeld) startingThreadState = python.PyEval_SaveThread_Fn();
     running.store(true);

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
@@ -24,6 +25,7 @@
 #include "Native/QuorvalenNativeException/QuorvalenNativeException.h"
 #include "Runtimes/Python/Native/InterpreterGate.h"
 #include "Runtimes/Python/Native/PythonFunctions.h"
+#include "Runtimes/Python/Native/ThreadNumber.h"
 
 class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::NativeLauncher {
   public:
@@ -178,12 +180,12 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     // `receiverClass` is a live object.
     std::atomic<bool> receiverClassBound{false};
     // The thread that is starting, or that a failed start left holding the interpreter lock.
-    std::atomic<std::thread::id> startLockHolder{};
+    std::atomic<std::uint64_t> startLockHolder{kNoThread};
     // There is an interpreter for Close to close.
     bool interpreterInitialized = false;
     // False when somebody else had started the interpreter: it is not ours to finalise.
     bool interpreterIsOurs = false;
-    std::thread::id startingThread;
+    std::uint64_t startingThread = kNoThread;
     void* startingThreadState = nullptr;  // the interpreter's; null while its thread holds the lock
     InterpreterGate gate;
 };

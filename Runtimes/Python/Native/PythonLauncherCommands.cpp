@@ -133,9 +133,9 @@ PythonLauncher::Bytes PythonLauncher::CopyOf(PyObject* byteArray) {
 void PythonLauncher::GiveUpLockIfStillHeld(int lockState) {
     if (python.PyGILState_Check_Fn() <= 0 || lockState == kLockWasNotHeld) return;
     void* threadState = python.PyEval_SaveThread_Fn();
-    if (startLockHolder.load() == std::this_thread::get_id()) {
+    if (startLockHolder.load() == ThisThreadsNumber()) {
         startingThreadState = threadState;
-        startLockHolder.store(std::thread::id());
+        startLockHolder.store(kNoThread);
     }
 }
 

@@ -58,10 +58,10 @@ std::string PythonLauncher::GetRuntimeInfoFromManagedRuntime() {
 
 // Asking would wait for ever when a failed start left the lock with another thread.
 bool PythonLauncher::MayAskManagedRuntime() const {
-    const std::thread::id holder = startLockHolder.load();
+    const std::uint64_t holder = startLockHolder.load();
     if (!receiverClassBound.load()) return false;
-    if (holder == std::this_thread::get_id()) return true;
-    return running.load() && holder == std::thread::id();
+    if (holder == ThisThreadsNumber()) return true;
+    return running.load() && holder == kNoThread;
 }
 
 PythonLauncher::ManagedAnswer PythonLauncher::AskManagedRuntime(std::string& info) {
@@ -136,7 +136,7 @@ void PythonLauncher::Close() {
 }
 
 void PythonLauncher::CloseInterpreter() {
-    const bool elsewhere = interpreterIsOurs && startingThread != std::this_thread::get_id();
+    const bool elsewhere = interpreterIsOurs && startingThread != ThisThreadsNumber();
     if (elsewhere) python.PyRun_SimpleString_Fn(kLetThreadingShutDownAtOnce);
     // By design: the exception handler initialiser is not among them.
     for (PyObject* kept :
@@ -148,11 +148,11 @@ void PythonLauncher::CloseInterpreter() {
     interpreterInitialized = false;
     interpreterIsOurs = false;
     startingThreadState = nullptr;
-    startLockHolder.store(std::thread::id());
+    startLockHolder.store(kNoThread);
 }
 
-// From 3.13 on, finalising on any other thread than the starting one frees the state that the thread
-// is running on, so the thread puts on the starting thread's state first.
+// From 3.13 on, finalising on any other thread than the starting one frees the state that the
+// thread is running on, so the thread puts on the starting thread's state first.
 void PythonLauncher::BecomeStartingThread() {
     if (python.PyThreadState_Swap_Fn == nullptr || startingThreadState == nullptr) return;
     python.PyThreadState_Swap_Fn(startingThreadState);
@@ -164,8 +164,8 @@ PythonLauncher::~PythonLauncher() {
         return;
     }
     // Waiting for a lock that a failed start left with another thread would be for ever.
-    const std::thread::id holder = startLockHolder.load();
-    if (holder != std::thread::id() && holder != std::this_thread::get_id()) return;
+    const std::uint64_t holder = startLockHolder.load();
+    if (holder != kNoThread && holder != ThisThreadsNumber()) return;
     const PythonFunctions bound = python;
     const bool finalised = interpreterIsOurs;
     const int lockState = bound.PyGILState_Ensure_Fn();
