@@ -97,11 +97,11 @@ void CheckMember(const std::string& name, const Json& value) {
     const auto* member = std::find_if(kMembersOfCall.begin(), kMembersOfCall.end(),
                                       [&](const Member& known) { return name == known.name; });
     if (member == kMembersOfCall.end()) {
-        throw MalformedCommand("the operation \"call\" knows no member \"" + name +
+        throw MalformedCommand(R"(the operation "call" knows no member ")" + name +
                                "\"; it knows name, handle, arguments, keywords");
     }
     if (!member->hasRightKind(value)) {
-        throw MalformedCommand("the member \"" + name + "\" of the operation \"call\" must be " +
+        throw MalformedCommand(R"(the member ")" + name + R"(" of the operation "call" must be )" +
                                member->kind + ", not " + Cpp::Conversion::KindOf(value));
     }
 }
@@ -114,7 +114,7 @@ void CheckCall(const Json& body) {
                                 body.at("handle").dump());
     }
     if (!body.contains("name")) {
-        throw MalformedCommand("the operation \"call\" needs the member \"name\" or \"handle\"");
+        throw MalformedCommand(R"(the operation "call" needs the member "name" or "handle")");
     }
     if (body.contains("keywords") && !body.at("keywords").empty()) {
         throw Cpp::NotSupported("C++ functions have no keyword arguments; pass them by position");
@@ -150,7 +150,7 @@ std::string ReadableName(const std::type_info* type) {
     if (type == nullptr) return "unknown";  // an exception of another language
     int status = 0;
     char* readable = abi::__cxa_demangle(type->name(), nullptr, nullptr, &status);
-    const std::string name = status == 0 ? readable : type->name();
+    std::string name = status == 0 ? readable : type->name();
     std::free(readable);
     return name;
 }

@@ -34,7 +34,7 @@ int CppLauncher::SendCommand(unsigned char* message, int length) {
 int CppLauncher::ReadResponse(unsigned char* buffer, int length) {
     const std::shared_ptr<const Bytes> response = std::exchange(pendingResponse, nullptr);
     if (response == nullptr) throw QuorvalenNativeException(kNoPendingResponse, kRuntimeName);
-    const std::size_t room = static_cast<std::size_t>(length);
+    const auto room = static_cast<std::size_t>(length);
     std::copy_n(response->begin(), std::min(response->size(), room), buffer);
     return 0;
 }

@@ -25,7 +25,7 @@ void CheckKeys(const Json& object) {
     for (const auto& member : object.items()) {
         if (!member.key().starts_with("$")) continue;
         throw MalformedCommand("an object has the member \"" + member.key() +
-                               "\"; of the keys that begin with $ there is only \"$handle\"");
+                               R"("; of the keys that begin with $ there is only "$handle")");
     }
 }
 
@@ -35,7 +35,7 @@ void CheckHandle(const Json& handle) {
     }
     for (const auto& member : handle.items()) {
         if (member.key() == kHandle || member.key() == kType) continue;
-        throw MalformedCommand("beside \"$handle\" only \"type\" may stand, not \"" + member.key() +
+        throw MalformedCommand(R"(beside "$handle" only "type" may stand, not ")" + member.key() +
                                "\"");
     }
 }
@@ -44,6 +44,8 @@ void CheckHandle(const Json& handle) {
 // text.
 class Builder : public nlohmann::json_sax<Json> {
   public:
+    explicit Builder(Json& result) : root(result) {}
+
     bool null() override { return Place(nullptr); }
     bool boolean(bool value) override { return Place(value); }
     bool number_integer(number_integer_t value) override { return Place(value); }
@@ -80,8 +82,6 @@ class Builder : public nlohmann::json_sax<Json> {
         throw MalformedCommand(std::string("the body is not JSON in UTF-8: ") + error.what());
     }
 
-    Json Result() { return std::move(root); }
-
   private:
     bool Place(Json value) {
         Next(std::move(value));
@@ -104,7 +104,7 @@ class Builder : public nlohmann::json_sax<Json> {
         return *member = std::move(value);
     }
 
-    Json root;
+    Json& root;
     std::vector<Json*> open;
     Json* member = nullptr;
 };
@@ -127,9 +127,9 @@ void CheckPlain(const Json& value, std::size_t levelsLeft) {
 }  // namespace
 
 Json ReadBody(std::string_view body) {
-    Builder builder;
+    Json result;
+    Builder builder(result);
     Json::sax_parse(body, &builder);
-    Json result = builder.Result();
     if (!result.is_object() || IsHandle(result)) {
         throw MalformedCommand("the body must be one JSON object, not " + KindOf(result));
     }

@@ -9,7 +9,7 @@ namespace Quorvalen::Native::Definitions {
 // has no such symbol or is not open. The pointer is valid as long as the library stays open.
 template <typename Pointer>
 Pointer LookUpSymbol(void* library, const char* name) {
-    // The loader takes a null handle for the whole process, in which this very library has the name.
+    // The loader takes a null handle for the whole process, where this very library has the name.
     if (library == nullptr) return nullptr;
     return reinterpret_cast<Pointer>(dlsym(library, name));
 }

@@ -37,11 +37,13 @@ class InMemoryTest : public testing::Test {
     // The mutex that one Initialize in the process holds at a time. The locking thread is the
     // test's, so a mutex left locked answers "no" at once.
     bool InitializationMutexIsFree() const {
-        auto* mutex = static_cast<std::mutex*>(
+        const std::unique_lock<std::mutex> lock(InitializationMutex(), std::try_to_lock);
+        return lock.owns_lock();
+    }
+    std::mutex& InitializationMutex() const {
+        return *static_cast<std::mutex*>(
             bridge.CppAddress("Quorvalen::Native::Transport::TransportInMemory"
                               "::initializationMutex"));
-        const std::unique_lock<std::mutex> lock(*mutex, std::try_to_lock);
-        return lock.owns_lock();
     }
 
     const std::vector<std::string> calledSide = {

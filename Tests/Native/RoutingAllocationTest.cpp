@@ -2,11 +2,12 @@
 // exported function and the other library's receiver.
 #include "Tests/Native/AllocationShim.h"
 #include "Tests/Native/InMemoryFixture.h"
-#include "Tests/Native/Sanitizers.h"
 
 namespace {
 
-TEST_F(InMemoryTest, RoutingAnInMemoryCommandAllocatesNothingAfterTheFirst) {
+class RoutingAllocationTest : public InMemoryTest {};
+
+TEST_F(RoutingAllocationTest, AnInMemoryCommandAllocatesNothingAfterTheFirst) {
     With("FakeEchoBridge", "Netcore");
     const auto send = bridge.C<int(unsigned char*, int)>("SendCommand");
     const auto read = bridge.C<int(unsigned char*, int)>("ReadResponse");

@@ -86,6 +86,25 @@ TEST_F(TransportInMemoryThreadsTest, ChannelsAreSetUpOneAfterAnother) {
     EXPECT_EQ(Lines(Joined({once, once, once, once})), Lines(calls));
 }
 
+// Asked on another thread at every call that Initialize makes into another library.
+std::mutex* watched = nullptr;
+std::vector<bool> foundFree;
+void LookAtTheMutex(const std::string&) {
+    std::thread([] {
+        const std::unique_lock<std::mutex> lock(*watched, std::try_to_lock);
+        foundFree.push_back(lock.owns_lock());
+    }).join();
+}
+
+TEST_F(TransportInMemoryThreadsTest, TheMutexIsHeldForTheWholeOfInitialize) {
+    watched = &InitializationMutex();
+    Fakes::SetHook(LookAtTheMutex);
+    Initialize();
+    Fakes::SetHook(nullptr);
+    EXPECT_EQ(std::vector<bool>(6, false), foundFree);
+    EXPECT_TRUE(InitializationMutexIsFree());
+}
+
 TEST_F(TransportInMemoryThreadsTest, FailingSetUpsLeaveTheMutexToTheOthers) {
     Fakes::Fail("cpp CreateReceiver", 1, true);
     std::array<std::string, kThreads> failures;

@@ -58,11 +58,11 @@ QUORVALEN_CPP_API bool Unregister(const std::string& name);
 // The code in the other runtime raised. what() is "<type>: <message>".
 class QUORVALEN_CPP_API RemoteError : public std::runtime_error {
   public:
-    RemoteError(const std::string& type, const std::string& message, const std::string& traceback)
+    RemoteError(std::string type, std::string message, std::string traceback)
         : std::runtime_error(type + ": " + message),
-          remoteType(type),
-          remoteMessage(message),
-          remoteTraceback(traceback) {}
+          remoteType(std::move(type)),
+          remoteMessage(std::move(message)),
+          remoteTraceback(std::move(traceback)) {}
 
     const std::string& Type() const { return remoteType; }
     const std::string& Message() const { return remoteMessage; }

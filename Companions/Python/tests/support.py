@@ -31,7 +31,9 @@ def send(body):
 
 def run_python(code, **environment):
     """Run a program in a fresh interpreter of the same version; return (exit status, standard output, error output)."""
-    variables = dict(os.environ, PYTHONPATH=os.pathsep.join((PACKAGE_ROOT, TESTS)), PYTHONDONTWRITEBYTECODE="1")
+    # Without what this process has told the bridge about itself.
+    inherited = {name: value for name, value in os.environ.items() if not name.startswith("QUORVALEN_PYTHON_")}
+    variables = dict(inherited, PYTHONPATH=os.pathsep.join((PACKAGE_ROOT, TESTS)), PYTHONDONTWRITEBYTECODE="1")
     variables.update(environment)
     process = subprocess.Popen(
         [sys.executable, "-c", code],

@@ -250,7 +250,7 @@ class LibraryTest(unittest.TestCase):
         code = (
             "import os, quorvalen\n"
             "quorvalen.connect('Cpp')\n"
-            "path = os.environ.get('QUORVALEN_PYTHON_RUNTIME_PATH')\n"
+            "path = os.environ.get('QUORVALEN_PYTHON_RUNTIME_PATH') or os.environ['QUORVALEN_PYTHON_VERSION']\n"
             "maps = {line.split(None, 5)[-1].rstrip() for line in open('/proc/self/maps')}\n"
             "print(sorted(os.path.basename(path) for path in maps if 'libpython' in path), path)"
         )
@@ -258,7 +258,8 @@ class LibraryTest(unittest.TestCase):
         self.assertEqual((0, ""), (status, errors))
         libraries, path = output.rstrip("\n").rsplit(" ", 1)
         if libraries == "[]":
-            self.assertEqual("None", path)  # this Python has no library: it is all in the executable
+            # This Python has no library, it is all in the executable: one of its version is asked for.
+            self.assertEqual("%d.%d" % sys.version_info[:2], path)
         else:
             self.assertEqual("['{}']".format(os.path.basename(path)), libraries)
             self.assertTrue(os.path.isfile(path))
@@ -268,6 +269,17 @@ class LibraryTest(unittest.TestCase):
         self.assertEqual(
             (0, "mine\n", ""),
             support.run_python(code, QUORVALEN_PYTHON_BRIDGE=fake_bridge(), QUORVALEN_PYTHON_RUNTIME_PATH="mine"),
+        )
+
+    def test_a_python_version_named_by_the_user_is_left_alone(self):
+        code = (
+            "import os, quorvalen\n"
+            "quorvalen.connect('Cpp')\n"
+            "print(os.environ['QUORVALEN_PYTHON_VERSION'], os.environ.get('QUORVALEN_PYTHON_RUNTIME_PATH'))"
+        )
+        self.assertEqual(
+            (0, "3.0 None\n", ""),
+            support.run_python(code, QUORVALEN_PYTHON_BRIDGE=fake_bridge(), QUORVALEN_PYTHON_VERSION="3.0"),
         )
 
 

@@ -51,6 +51,10 @@ QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyObject_IsInstance, (PyObject*, PyObjec
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyErr_ExceptionMatches, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyErr_WriteUnraisable, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Swap, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Next, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Head, ())
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Next, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_ThreadHead, (void*))
 QUORVALEN_OPTIONAL_PYTHON_OBJECT(PyObject, PyByteArray_Type)   // the object itself
 QUORVALEN_OPTIONAL_PYTHON_OBJECT(PyObject*, PyExc_SystemExit)  // a variable that points to it
 

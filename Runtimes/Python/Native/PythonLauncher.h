@@ -133,6 +133,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     bool IsByteArray(PyObject* object);
     Bytes CopyOf(PyObject* byteArray);
     void KeepResponse(Bytes response);
+    bool OtherPythonThreadsAreAlive();
     void RestartInterpreter();
     void DropPendingResponses();
     void GiveUpLockIfStillHeld(int lockState);
@@ -148,6 +149,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     void ShowPythonError();
     void CloseInterpreter();
     void BecomeStartingThread();
+    void KeepLibraryMapped();
 
     PythonVersion requestedVersion;
     std::map<PythonVersion, std::string> versionDirectories;

@@ -88,8 +88,8 @@ PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* messa
     if (result == nullptr) {
         ShowPythonError();
         const InterpreterGate::Closure closure(gate);
-        // An interpreter that other calls are in, or that is not ours, stays as it is.
-        if (closure.IsShut() && interpreterIsOurs) {
+        // An interpreter that anybody else is in, or that is not ours, stays as it is.
+        if (closure.IsShut() && interpreterIsOurs && !OtherPythonThreadsAreAlive()) {
             // By design: the restart runs with the lock held and leaves none behind.
             lock.Dismiss();
             RestartInterpreter();
@@ -154,6 +154,29 @@ int PythonLauncher::ReadResponse(unsigned char* buffer, int length) {
     const std::size_t count = std::min(response.size(), static_cast<std::size_t>(length));
     if (count > 0) std::memcpy(buffer, response.data(), count);
     return 0;
+}
+
+// A thread of Python's own (a daemon, or any thread when the restart is not on the starting thread)
+// would wake up in the next interpreter with a state of the last one, and crash; a subinterpreter
+// cannot outlast its process's finalisation either. Beside this thread's state only the starting
+// thread's may be there. REQUIRES: the interpreter lock.
+bool PythonLauncher::OtherPythonThreadsAreAlive() {
+    if (python.PyInterpreterState_Head_Fn == nullptr ||
+        python.PyInterpreterState_Next_Fn == nullptr ||
+        python.PyInterpreterState_ThreadHead_Fn == nullptr ||
+        python.PyThreadState_Next_Fn == nullptr) {
+        return false;
+    }
+    const int ours = startingThread == ThisThreadsNumber() ? 1 : 2;
+    int alive = 0;
+    for (void* interpreter = python.PyInterpreterState_Head_Fn(); interpreter != nullptr;
+         interpreter = python.PyInterpreterState_Next_Fn(interpreter)) {
+        for (void* thread = python.PyInterpreterState_ThreadHead_Fn(interpreter); thread != nullptr;
+             thread = python.PyThreadState_Next_Fn(thread)) {
+            ++alive;
+        }
+    }
+    return alive > ours;
 }
 
 // Objects and modules of the failed interpreter are gone afterwards, for every thread.

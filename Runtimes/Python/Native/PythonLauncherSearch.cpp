@@ -45,6 +45,12 @@ bool PythonLauncher::loadSharedLibraryInstance() {
     return pythonLibrary == nullptr || error != nullptr;
 }
 
+// A Python thread that ended during the finalisation may still be in the library's last
+// instructions when the library is closed, so closing must not take the code away.
+void PythonLauncher::KeepLibraryMapped() {
+    dlopen(pythonLibraryPath.c_str(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 // By design: the path is carried from stage to stage, so a configured path that fails is tried and
 // reported again by the stages whose variable is not set.
 int PythonLauncher::loadSharedLibraryForSpecificVersion() {

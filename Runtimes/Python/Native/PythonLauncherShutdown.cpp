@@ -144,7 +144,10 @@ void PythonLauncher::CloseInterpreter() {
         python.Py_DecRef_Fn(kept);
     }
     if (elsewhere) BecomeStartingThread();
-    if (interpreterIsOurs) python.Py_Finalize_Fn();
+    if (interpreterIsOurs) {
+        python.Py_Finalize_Fn();
+        KeepLibraryMapped();
+    }
     interpreterInitialized = false;
     interpreterIsOurs = false;
     startingThreadState = nullptr;

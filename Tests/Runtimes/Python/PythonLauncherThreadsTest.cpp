@@ -1,74 +1,17 @@
 // The launcher on many threads: first starts at once, a response for each thread, and the rule that
 // the interpreter restarts only when the failed command is alone in it. The fake's lock blocks
 // where several threads run freely; where a test decides who is inside, it does not.
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <fstream>
 #include <future>
 #include <optional>
 #include <set>
 
 #include "Tests/Runtimes/Python/PythonLauncherFixture.h"
+#include "Tests/Runtimes/Python/TestThreads.h"
 
 namespace {
-
-// A thread that stays, so that several steps of a test run on the same one.
-class Worker {
-  public:
-    ~Worker() {
-        if (thread.joinable()) thread.join();
-    }
-    // Starts `first` and returns; `Then` continues after it on the same thread.
-    void Begin(std::function<void()> first) {
-        thread = std::thread([this, first] {
-            first();
-            next.get_future().get()();
-        });
-    }
-    void Then(std::function<void()> last) {
-        next.set_value(std::move(last));
-        thread.join();
-    }
-
-  private:
-    std::promise<std::function<void()>> next;
-    std::thread thread;
-};
-
-// A thread that runs one operation which is expected to wait for something.
-class Waiting {
-  public:
-    explicit Waiting(std::function<void()> operation)
-        : thread([this, operation] {
-              id.store(static_cast<int>(syscall(SYS_gettid)));
-              operation();
-              done.store(true);
-          }) {}
-    ~Waiting() { thread.join(); }
-
-    // Gives the thread the time to come as far as it can: until it sleeps, or has not waited.
-    void UntilItWaits() const {
-        while (!done.load() && !IsAsleep()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-
-  private:
-    bool IsAsleep() const {
-        std::ifstream stat("/proc/self/task/" + std::to_string(id.load()) + "/stat");
-        const std::string text{std::istreambuf_iterator<char>(stat), {}};
-        const std::size_t name = text.rfind(')');
-        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
-    }
-
-    std::atomic<int> id{0};
-    std::atomic<bool> done{false};
-    std::thread thread;
-};
 
 class PythonLauncherThreadsTest : public StartedLauncherFixture {
   protected:
@@ -217,6 +160,30 @@ TEST_F(PythonLauncherThreadsTest, ARestartDropsThePendingResponsesOfAllThreads) 
     Fakes::Fail("call send_command");
     EXPECT_EQ(WithInfo(Texts::kCommandFailed), SendFailure(launcher, command));
     other.Then([&] { EXPECT_EQ(WithInfo(Texts::kNoResponse), ReadFailure(launcher)); });
+}
+
+// The reader's only tie to the restart is the response lock: the flags order nothing, so the thread
+// sanitizer sees a restart that drops the responses without that lock.
+TEST_F(PythonLauncherThreadsTest, AResponseReadBeforeARestartDropsTheOthersIsWhole) {
+    Start();
+    std::atomic<bool> failing{false};
+    std::atomic<bool> read{false};
+    std::promise<void> sent;
+    std::thread reader([&] {
+        Send(launcher, command);
+        sent.set_value();
+        while (!failing.load(std::memory_order_relaxed)) std::this_thread::yield();
+        EXPECT_EQ("response", Read(launcher, 8));
+        read.store(true, std::memory_order_relaxed);
+    });
+    sent.get_future().wait();
+    WithinNext("PyErr_Print()", [&] {
+        failing.store(true, std::memory_order_relaxed);
+        while (!read.load(std::memory_order_relaxed)) std::this_thread::yield();
+    });
+    Fakes::Fail("call send_command");
+    EXPECT_EQ(WithInfo(Texts::kCommandFailed), SendFailure(launcher, command));
+    reader.join();
 }
 
 // --- Restart only when alone

@@ -2,6 +2,7 @@
 
 import ctypes
 import os
+import sys
 from _thread import allocate_lock, get_ident
 
 from quorvalen.core.command import BridgeError
@@ -11,6 +12,7 @@ from quorvalen.core.transmitter import bridge
 
 LIBRARY_VARIABLE = "QUORVALEN_PYTHON_BRIDGE"
 RUNTIME_VARIABLE = "QUORVALEN_PYTHON_RUNTIME_PATH"
+VERSION_VARIABLE = "QUORVALEN_PYTHON_VERSION"
 _LIBRARY_NAME = "libQuorvalenPythonRuntimeNative.so"
 
 _CALLBACK_TYPE = ctypes.CFUNCTYPE(ctypes.c_void_p, ctypes.POINTER(ctypes.c_ubyte), ctypes.c_int)
@@ -118,12 +120,16 @@ def _name_own_runtime():
     """Tell the bridge the Python library of this very process, unless the user has named one.
 
     For callbacks the bridge calls a few functions of a Python library. Left to itself it would search the machine and
-    might open another Python, whose functions know nothing of our objects.
+    might open another Python, whose functions know nothing of our objects. A Python that is part of the executable has
+    no library to name; one of the same version knows the layout of its objects.
     """
-    if RUNTIME_VARIABLE not in os.environ:
-        path = own_runtime_path()
-        if path is not None:
-            os.environ[RUNTIME_VARIABLE] = path
+    if RUNTIME_VARIABLE in os.environ or VERSION_VARIABLE in os.environ:
+        return
+    path = own_runtime_path()
+    if path is not None:
+        os.environ[RUNTIME_VARIABLE] = path
+    else:
+        os.environ[VERSION_VARIABLE] = "%d.%d" % sys.version_info[:2]
 
 
 def own_runtime_path():
