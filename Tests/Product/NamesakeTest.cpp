@@ -14,7 +14,7 @@ using Quorvalen::Native::Definitions::RuntimeOperationMode;
 
 // The same names twice are the point here.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-    return "detect_odr_violation=0";
+    return "detect_odr_violation=0:use_sigaltstack=0";
 }
 
 namespace {

@@ -30,6 +30,17 @@ TEST_F(PythonLauncherCloseTest, ReleasesFinalisesAndClosesInThisOrder) {
               PythonCalls());
 }
 
+// A Python thread may still be in the library's last instructions: closing leaves the code in
+// place.
+TEST_F(PythonLauncherCloseTest, TheClosedLibraryStaysMapped) {
+    Start();
+    DlopenShim::Clear();
+    launcher.Close();
+    EXPECT_EQ(
+        Lines({"libpython3.14.so " + std::to_string(RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE)}),
+        Lines(DlopenShim::Calls()));
+}
+
 TEST_F(PythonLauncherCloseTest, WithoutAStartNothingHappens) {
     launcher.Close();
     launcher.Close();

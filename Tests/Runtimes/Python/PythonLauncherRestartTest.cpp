@@ -118,9 +118,12 @@ TEST_F(PythonLauncherRestartTest, ARestartSearchesFromTheVersionOfTheStart) {
     DlopenShim::Clear();
     FailCommand();
     SendFailure(launcher, command);
-    const Calls opened = DlopenShim::Calls();
-    ASSERT_LE(2U, opened.size());
-    EXPECT_EQ(Lines({"libpython3.9.so 257", "libpython3.8.so 257"}), Lines({opened[0], opened[1]}));
+    Calls attempts;
+    for (const std::string& call : DlopenShim::Calls()) {
+        const bool isAttempt = call.find(" 257") != std::string::npos;
+        if (isAttempt) attempts.push_back(call);
+    }
+    EXPECT_EQ(Lines({"libpython3.9.so 257", "libpython3.8.so 257"}), Lines(attempts));
 }
 
 TEST_F(PythonLauncherRestartTest, ARestartDropsThePendingResponseOfTheThread) {
