@@ -6,6 +6,7 @@
 //
 // Variants, by compile definition or link option:
 //   FAKE_PYTHON_OPTIONAL   also exports the optional functions and objects
+//   FAKE_PYTHON_THREAD_STATES   also exports the functions that walk over thread states
 //   one variant per name, required or optional, that lacks just that name (a version script hides
 //   it)
 //
@@ -26,10 +27,13 @@
 //   "lock blocks" 1          PyGILState_Ensure waits until no other thread holds the lock
 //   "result type" 1          commands return an object that is no bytearray
 //   "pending SystemExit" 1   PyErr_ExceptionMatches answers 1
+//   "interpreters"           how many interpreters there are to walk over (default 1)
+//   "thread states"          how many thread states each of them has (default 1)
 //   "already running" 1      somebody else started the interpreter before the bridge came
 #include <condition_variable>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -162,6 +166,11 @@ PyObject* AnswerCommand(const std::string& command) {
 std::string WithoutHeader(const std::string& message) {
     constexpr std::size_t kHeaderSize = 11;
     return message.size() < kHeaderSize ? "" : message.substr(kHeaderSize);
+}
+
+// The element `number` of a list as long as the answer `length` says; null behind its end.
+[[maybe_unused]] void* Numbered(std::intptr_t number, const char* length) {
+    return number > Number(length, 1) ? nullptr : reinterpret_cast<void*>(number);
 }
 
 }  // namespace
@@ -345,6 +354,27 @@ int PyErr_ExceptionMatches(PyObject* type) {
 
 void PyErr_WriteUnraisable(PyObject* object) {
     Record("PyErr_WriteUnraisable(" + Name(object) + ")");
+}
+
+#endif
+
+#ifdef FAKE_PYTHON_THREAD_STATES
+
+// Interpreters and thread states are the numbers from 1 on; the walk is not recorded.
+void* PyInterpreterState_Head() {
+    return Numbered(1, "interpreters");
+}
+
+void* PyInterpreterState_Next(void* interpreter) {
+    return Numbered(reinterpret_cast<std::intptr_t>(interpreter) + 1, "interpreters");
+}
+
+void* PyInterpreterState_ThreadHead(void*) {
+    return Numbered(1, "thread states");
+}
+
+void* PyThreadState_Next(void* state) {
+    return Numbered(reinterpret_cast<std::intptr_t>(state) + 1, "thread states");
 }
 
 #endif
