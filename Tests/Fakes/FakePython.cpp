@@ -337,6 +337,12 @@ void* PyThreadState_Swap(void* state) {
     return nullptr;
 }
 
+// Its presence tells that this is 3.13 or newer; the bridge does not call it.
+void* PyThreadState_GetUnchecked() {
+    Record("PyThreadState_GetUnchecked()");
+    return nullptr;
+}
+
 void PyEval_InitThreads() {
     Record("PyEval_InitThreads()");
 }

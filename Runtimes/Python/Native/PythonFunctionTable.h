@@ -51,6 +51,7 @@ QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyObject_IsInstance, (PyObject*, PyObjec
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyErr_ExceptionMatches, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyErr_WriteUnraisable, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Swap, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_GetUnchecked, ())  // 3.13 has it first
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Next, (void*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Head, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Next, (void*))

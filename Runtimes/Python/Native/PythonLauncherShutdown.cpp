@@ -155,9 +155,12 @@ void PythonLauncher::CloseInterpreter() {
 }
 
 // From 3.13 on, finalising on any other thread than the starting one frees the state that the
-// thread is running on, so the thread puts on the starting thread's state first.
+// thread is running on, so the thread puts on the starting thread's state first. Earlier versions
+// need no such thing, and their debug builds end the process over it.
 void PythonLauncher::BecomeStartingThread() {
-    if (python.PyThreadState_Swap_Fn == nullptr || startingThreadState == nullptr) return;
+    const bool needed = python.PyThreadState_GetUnchecked_Fn != nullptr;
+    if (!needed || python.PyThreadState_Swap_Fn == nullptr || startingThreadState == nullptr)
+        return;
     python.PyThreadState_Swap_Fn(startingThreadState);
 }
 

@@ -208,6 +208,13 @@ TEST_F(PythonLauncherCloseTest, WithoutTheMeansTheStateStaysAsItIs) {
     EXPECT_EQ(Lines(CloseCallsElsewhere()), PythonCalls());
 }
 
+// A debug build of 3.12 or older ends the process when a thread puts on another one's state.
+TEST_F(PythonLauncherCloseTest, BeforePython313TheStateStaysAsItIs) {
+    Start("FakePythonWithOptionalWithoutPyThreadState_GetUnchecked");
+    OnAnotherThread([&] { launcher.Close(); });
+    EXPECT_EQ(Lines(CloseCallsElsewhere()), PythonCalls());
+}
+
 TEST_F(PythonLauncherCloseTest, SomebodyElsesInterpreterHasNoStartingThreadOfOurs) {
     Fakes::SetNumber("already running", 1);
     Start("FakePythonWithOptional");

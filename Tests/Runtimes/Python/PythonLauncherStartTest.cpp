@@ -125,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(OptionalNames, PythonLauncherWithoutOptionalTest,
                          testing::Values("Py_IncRef", "PyEval_InitThreads", "PyByteArray_Type",
                                          "PyObject_IsInstance", "PyErr_ExceptionMatches",
                                          "PyExc_SystemExit", "PyErr_WriteUnraisable",
-                                         "PyThreadState_Swap"),
+                                         "PyThreadState_Swap", "PyThreadState_GetUnchecked"),
                          [](const auto& test) { return std::string(test.param); });
 
 // --- An interpreter that is running already -----------------------------------------------------
