@@ -29,6 +29,7 @@
 //   "pending SystemExit" 1   PyErr_ExceptionMatches answers 1
 //   "interpreters"           how many interpreters there are to walk over (default 1)
 //   "thread states"          how many thread states each of them has (default 1)
+//   "host thread" 1          the calling thread has a Python state before the bridge comes
 //   "already running" 1      somebody else started the interpreter before the bridge came
 #include <condition_variable>
 #include <cstdarg>
@@ -335,6 +336,11 @@ void Py_IncRef(PyObject* object) {
 void* PyThreadState_Swap(void* state) {
     Record("PyThreadState_Swap(" + Name(static_cast<PyObject*>(state)) + ")");
     return nullptr;
+}
+
+// Not recorded: the traces are those of the required functions.
+void* PyGILState_GetThisThreadState() {
+    return Number("host thread") != 0 ? &systemExit : nullptr;
 }
 
 // Its presence tells that this is 3.13 or newer; the bridge does not call it.

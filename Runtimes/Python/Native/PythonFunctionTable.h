@@ -50,6 +50,7 @@ QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyEval_InitThreads, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyObject_IsInstance, (PyObject*, PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(int, PyErr_ExceptionMatches, (PyObject*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyErr_WriteUnraisable, (PyObject*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyGILState_GetThisThreadState, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Swap, (void*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_GetUnchecked, ())  // 3.13 has it first
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Next, (void*))

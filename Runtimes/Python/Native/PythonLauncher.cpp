@@ -122,6 +122,7 @@ void PythonLauncher::StartInterpreter() {
 
 void PythonLauncher::InitializeInterpreter() {
     if (!running) ForgetKeptObjects();
+    NoteWhoseInterpreterThisIs();
     python.Py_Initialize_Fn();
     // Before 3.7 the interpreter has no lock to speak of until it is asked for one.
     if (python.PyEval_InitThreads_Fn != nullptr) python.PyEval_InitThreads_Fn();
@@ -131,13 +132,20 @@ void PythonLauncher::InitializeInterpreter() {
     interpreterInitialized = true;
 }
 
+// A thread that has a Python state before we initialise anything is the host's own Python thread.
+// It may even hold the interpreter lock, which else only the thread that initialised does.
+void PythonLauncher::NoteWhoseInterpreterThisIs() {
+    if (interpreterInitialized || python.PyGILState_GetThisThreadState_Fn == nullptr) return;
+    hostRunsPython = python.PyGILState_GetThisThreadState_Fn() != nullptr;
+}
+
 // By design: a failure in the steps that follow leaves the lock with this thread.
 int PythonLauncher::TakeInterpreterLockForStart() {
     const bool keptByFailedStart = startLockHolder.load() == ThisThreadsNumber();
     const int lockState = python.PyGILState_Ensure_Fn();
     startLockHolder.store(ThisThreadsNumber());
     // Only the thread that initialised the interpreter holds the lock without having asked for it.
-    if (lockState == kLockWasHeld && !keptByFailedStart && !interpreterIsOurs) {
+    if (lockState == kLockWasHeld && !keptByFailedStart && !interpreterIsOurs && !hostRunsPython) {
         interpreterIsOurs = true;
         startingThread = ThisThreadsNumber();
     }

@@ -103,6 +103,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     void BindPythonFunctions();
     void StartInterpreter();
     void InitializeInterpreter();
+    void NoteWhoseInterpreterThisIs();
     int TakeInterpreterLockForStart();
     void AddToModuleSearchPath(const std::string& directory);
     void ImportReceiverClass();
@@ -187,6 +188,8 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     bool interpreterInitialized = false;
     // False when somebody else had started the interpreter: it is not ours to finalise.
     bool interpreterIsOurs = false;
+    // The starting thread was a Python thread of the host's before the start.
+    bool hostRunsPython = false;
     std::uint64_t startingThread = kNoThread;
     void* startingThreadState = nullptr;  // the interpreter's; null while its thread holds the lock
     InterpreterGate gate;

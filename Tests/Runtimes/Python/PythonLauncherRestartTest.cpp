@@ -201,6 +201,18 @@ TEST_F(PythonLauncherRestartTest, SomebodyElsesInterpreterIsNotRestarted) {
     EXPECT_EQ(8, Send(launcher, command));
 }
 
+// A host that initialised Python on this thread, and holds the lock, looks like the bridge itself
+// to PyGILState_Ensure.
+TEST_F(PythonLauncherRestartTest, AnInterpreterOfTheStartingThreadsOwnIsNotRestarted) {
+    Fakes::SetNumber("host thread", 1);
+    Start("FakePythonWithOptional");
+    FailCommand();
+    EXPECT_EQ(WithInfo(Texts::kCommandFailed), SendFailure(launcher, command));
+    EXPECT_EQ(std::string::npos, PythonCalls().find("Py_Finalize"));
+    EXPECT_FALSE(HoldsInterpreterLock());
+    EXPECT_EQ(8, Send(launcher, command));
+}
+
 TEST_F(PythonLauncherRestartTest, ASecondLauncherDoesNotRestartTheInterpreterOfTheFirst) {
     Start();
     Launcher second(bridge, 1);

@@ -125,7 +125,8 @@ INSTANTIATE_TEST_SUITE_P(OptionalNames, PythonLauncherWithoutOptionalTest,
                          testing::Values("Py_IncRef", "PyEval_InitThreads", "PyByteArray_Type",
                                          "PyObject_IsInstance", "PyErr_ExceptionMatches",
                                          "PyExc_SystemExit", "PyErr_WriteUnraisable",
-                                         "PyThreadState_Swap", "PyThreadState_GetUnchecked"),
+                                         "PyThreadState_Swap", "PyThreadState_GetUnchecked",
+                                         "PyGILState_GetThisThreadState"),
                          [](const auto& test) { return std::string(test.param); });
 
 // --- An interpreter that is running already -----------------------------------------------------

@@ -100,6 +100,21 @@ TEST_P(RealPythonStartTest, AProcessThatRunsPythonAlreadyKeepsItsInterpreter) {
     ContinueAsHost(host);
 }
 
+// The most natural host of all: it initialises Python and calls the bridge on the same thread.
+TEST_P(RealPythonStartTest, AHostThatHoldsTheLockKeepsItsInterpreterToo) {
+    void* host = StartPythonAsHost();
+    HostFunction<void(void*)>("PyEval_RestoreThread")(host);
+    Initialize();
+    ContinueAsHost(host);  // the start has given the lock up
+    EXPECT_EQ(0u, FailureOfRun("raise ValueError('on purpose')")
+                      .find("Python Launcher: Exception code 017. \nFailed to process command"));
+    EXPECT_EQ("host", Run("import sys; result = bytearray(sys.kept)"));
+    std::thread([&] { FailureOfRun("raise ValueError('on purpose')"); }).join();
+    ContinueAsHost(host);
+    delete receiver;
+    ContinueAsHost(host);
+}
+
 TEST_P(RealPythonStartTest, TwoLaunchersShareTheOneInterpreter) {
     Initialize();
     Run("import sys; sys.kept = b'first'");
