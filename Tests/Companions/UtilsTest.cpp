@@ -469,6 +469,8 @@ TEST_F(Utils, LongLinesOfManyProcessesDoNotMix) {
 }
 
 TEST_F(Utils, AChildForkedWhileAnotherThreadWritesCanWriteToo) {
+    // The other thread writes as much as the machine is slow; nothing may rotate away.
+    const ScopedEnvironment size("QUORVALEN_TELEMETRY_MAX_BYTES", "1099511627776");
     std::atomic<bool> done = false;
     std::thread busy([&done] {
         while (!done) LogText("busy");
