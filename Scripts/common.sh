@@ -6,11 +6,11 @@ root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
 # What the library, its companions and the examples are built and run with.
 demo_packages=(
     g++ cmake ninja-build
-    nlohmann-json3-dev libspdlog-dev libcli11-dev
+    nlohmann-json3-dev libspdlog-dev libcli11-dev libasio-dev libssl-dev openssl
     libpython3-dev python3
 )
 # What the tests and checks need beside them.
-test_packages=(libgtest-dev clang clang-tidy clang-format shellcheck)
+test_packages=(libgtest-dev clang clang-tidy clang-format shellcheck libclang-rt-14-dev haproxy)
 
 say() {
     printf '\n== %s\n' "$*"
