@@ -11,6 +11,11 @@ demo_packages=(
 )
 # What the tests and checks need beside them.
 test_packages=(libgtest-dev clang clang-tidy clang-format shellcheck libclang-rt-14-dev haproxy)
+# What the benchmarks need beside both.
+benchmark_packages=(
+    libbenchmark-dev pybind11-dev libzmq3-dev
+    libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc valgrind
+)
 
 say() {
     printf '\n== %s\n' "$*"

@@ -48,7 +48,7 @@ FrameReader::Found FrameReader::Next(std::vector<unsigned char>& message) {
     body.resize(length);
     std::swap(body, message);
     // The caller's old storage serves the next message, unless a rare long one would stay for good.
-    if (body.capacity() > kKeptCapacity) body = {};
+    if (body.capacity() > kKeptCapacity) body = std::vector<unsigned char>();
     received = 0;
     prefixKnown = false;
     return Found::Message;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares pages of Docs/ with the sources they describe, so that neither can change alone.
 
-    check_pages.py error-codes | environment-variables | links
+    check_pages.py error-codes | network | environment-variables | links
 """
 
 import pathlib
@@ -23,24 +23,32 @@ def main(page):
 
 
 def check_error_codes():
-    """Every message of Messages.h stands in the table, literally, and nothing else does."""
-    messages = messages_of((ROOT / "Native/QuorvalenNativeException/Messages.h").read_text())
-    rows = table_rows((ROOT / "Docs/error-codes.md").read_text())
+    return check_messages("error-codes.md", "Native/QuorvalenNativeException/Messages.h", 30)
+
+
+def check_network():
+    return check_messages("network.md", "Companions/NetworkClient/Messages.h", 16)
+
+
+def check_messages(page, header, fewest):
+    """Every message of the header stands in the page's table, literally, and nothing else does."""
+    messages = messages_of((ROOT / header).read_text())
+    rows = table_rows((ROOT / "Docs" / page).read_text())
     problems = []
     documented = [text_of(cells[1]) for cells in rows]
-    if len(messages) < 30:
-        problems.append("Messages.h: only {} messages were understood".format(len(messages)))
+    if len(messages) < fewest:
+        problems.append("{}: only {} messages were understood".format(header, len(messages)))
     for name, text in messages.items():
         if text not in documented:
-            problems.append("error-codes.md lacks {}: {!r}".format(name, text))
+            problems.append("{} lacks {}: {!r}".format(page, name, text))
     for cells, text in zip(rows, documented):
         if text not in messages.values():
-            problems.append("error-codes.md has a text that is not in Messages.h: {!r}".format(text))
+            problems.append("{} has a text that is not in {}: {!r}".format(page, header, text))
         code = re.search(r"Exception code (\d{3})", text)
         if cells[0] != (code.group(1) if code else "none"):
-            problems.append("error-codes.md gives code {} to {!r}".format(cells[0], text))
+            problems.append("{} gives code {} to {!r}".format(page, cells[0], text))
         if len(cells) != 4 or not all(cells):
-            problems.append("error-codes.md: expected code, text, cause and remedy for {!r}".format(text))
+            problems.append("{}: expected code, text, cause and remedy for {!r}".format(page, text))
     return problems
 
 
@@ -98,6 +106,7 @@ def check_links():
 
 CHECKS = {
     "error-codes": check_error_codes,
+    "network": check_network,
     "environment-variables": check_environment_variables,
     "links": check_links,
 }

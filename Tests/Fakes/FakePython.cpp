@@ -7,8 +7,9 @@
 // Variants, by compile definition or link option:
 //   FAKE_PYTHON_OPTIONAL   also exports the optional functions and objects
 //   FAKE_PYTHON_THREAD_STATES   also exports the functions that walk over thread states
-//   one variant per name, required or optional, that lacks just that name (a version script hides
-//   it)
+//   FAKE_PYTHON_KEPT_STATES   also exports what keeping the states of threads takes, and from 3.12
+//   on FAKE_PYTHON_DELETING_UNBINDS   what giving them back takes beside it one variant per name,
+//   required or optional, that lacks just that name (a version script hides it)
 //
 // Failures, by Fakes::Fail with the function's name: pointers become null, PyRun_SimpleString -1,
 // PyCallable_Check and Py_IsInitialized 0, PyByteArray_Size and PyObject_IsInstance -1;
@@ -169,6 +170,9 @@ std::string WithoutHeader(const std::string& message) {
     return message.size() < kHeaderSize ? "" : message.substr(kHeaderSize);
 }
 
+// How often the thread has taken the lock and not given it back: then it has a thread state.
+thread_local int locksTaken = 0;
+
 // The element `number` of a list as long as the answer `length` says; null behind its end.
 [[maybe_unused]] void* Numbered(std::intptr_t number, const char* length) {
     return number > Number(length, 1) ? nullptr : reinterpret_cast<void*>(number);
@@ -182,6 +186,7 @@ void Py_Initialize() {
     Record("Py_Initialize()");
     if (Initialised() || MustFail("Py_Initialize")) return;
     SetHolder(std::this_thread::get_id(), true);
+    ++locksTaken;
 }
 
 void Py_Finalize() {
@@ -257,12 +262,14 @@ void Py_DecRef(PyObject* object) {
 
 int PyGILState_Ensure() {
     const int state = TakeLock();
+    ++locksTaken;
     Record("PyGILState_Ensure() = " + std::to_string(state));
     return state;
 }
 
 void PyGILState_Release(int state) {
     Record("PyGILState_Release(" + std::to_string(state) + ")");
+    --locksTaken;
     if (state == 1) LetLockGo();
 }
 
@@ -387,6 +394,57 @@ void* PyInterpreterState_ThreadHead(void*) {
 
 void* PyThreadState_Next(void* state) {
     return Numbered(reinterpret_cast<std::intptr_t>(state) + 1, "thread states");
+}
+
+#endif
+
+#ifdef FAKE_PYTHON_KEPT_STATES
+
+void* PyGILState_GetThisThreadState() {
+    return locksTaken > 0 ? &Shared() : nullptr;
+}
+
+void PyThreadState_Clear(void* state) {
+    Record("PyThreadState_Clear(" + Name(static_cast<PyObject*>(state)) + ")");
+}
+
+void PyThreadState_Delete(void* state) {
+    Record("PyThreadState_Delete(" + Name(static_cast<PyObject*>(state)) + ")");
+}
+
+#endif
+
+#ifdef FAKE_PYTHON_DELETING_UNBINDS
+
+// Its presence tells that this is 3.12 or newer; the bridge does not call it.
+PyObject* PyErr_GetRaisedException() {
+    Record("PyErr_GetRaisedException()");
+    return nullptr;
+}
+
+void* PyInterpreterState_Get() {
+    Record("PyInterpreterState_Get()");
+    return Object("interpreter");
+}
+
+void* PyThreadState_New(void* interpreter) {
+    Record("PyThreadState_New(" + Name(static_cast<PyObject*>(interpreter)) + ")");
+    return MustFail("PyThreadState_New") ? nullptr : Object("stand-in");
+}
+
+void* PyThreadState_Swap(void* state) {
+    Record("PyThreadState_Swap(" + Name(static_cast<PyObject*>(state)) + ")");
+    return Object("own state");
+}
+
+void PyThreadState_DeleteCurrent() {
+    Record("PyThreadState_DeleteCurrent()");
+    LetLockGo();
+}
+
+void PyEval_RestoreThread(void* state) {
+    TakeLock();
+    Record("PyEval_RestoreThread(" + Name(static_cast<PyObject*>(state)) + ")");
 }
 
 #endif

@@ -101,6 +101,7 @@ TEST(SourceRulesTest, TheConsoleIsWrittenToWhereTheInterfaceHasALineOnly) {
                   "Native/QuorvalenNativeException/QuorvalenNativeException.cpp",
                   "Native/Receiver/NativeReceiver.cpp",
                   "Native/Transport/TransportInMemory.cpp",
+                  "Runtimes/Python/Native/PythonLauncher.cpp",
                   "Runtimes/Python/Native/PythonLauncherSearch.cpp",
               }),
               Lines(FilesWith("std::c(out|err)\\b|\\bprintf\\(|\\bputs\\(")));

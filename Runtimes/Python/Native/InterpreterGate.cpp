@@ -1,15 +1,12 @@
 #include "Runtimes/Python/Native/InterpreterGate.h"
 
-void InterpreterGate::Enter() {
-    while ((inside.fetch_add(1, std::memory_order_acquire) & kShut) != 0) {
+// The caller has been counted already.
+void InterpreterGate::EnterShut() {
+    do {
         if (restartingThread.load() == std::this_thread::get_id()) return;
         Leave();
         WaitUntilOpen();
-    }
-}
-
-void InterpreterGate::Leave() {
-    inside.fetch_sub(1, std::memory_order_release);
+    } while ((inside.fetch_add(1, std::memory_order_acquire) & kShut) != 0);
 }
 
 // The exchange succeeds only from "one inside, open", so a call that enters at the same moment

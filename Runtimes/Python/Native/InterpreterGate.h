@@ -43,8 +43,12 @@ class InterpreterGate {
   private:
     static constexpr std::uint32_t kShut = 0x80000000;
 
-    void Enter();
-    void Leave();
+    // The way through an open gate is short and part of every command.
+    void Enter() {
+        if ((inside.fetch_add(1, std::memory_order_acquire) & kShut) != 0) EnterShut();
+    }
+    void Leave() { inside.fetch_sub(1, std::memory_order_release); }
+    void EnterShut();
     bool TryShut();
     void Open();
     void WaitUntilOpen();

@@ -54,6 +54,13 @@ QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyGILState_GetThisThreadState, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Swap, (void*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_GetUnchecked, ())  // 3.13 has it first
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_Next, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyThreadState_New, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyThreadState_Clear, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyThreadState_Delete, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyThreadState_DeleteCurrent, ())
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void, PyEval_RestoreThread, (void*))
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Get, ())
+QUORVALEN_OPTIONAL_PYTHON_FUNCTION(PyObject*, PyErr_GetRaisedException, ())  // 3.12 has it first
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Head, ())
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_Next, (void*))
 QUORVALEN_OPTIONAL_PYTHON_FUNCTION(void*, PyInterpreterState_ThreadHead, (void*))

@@ -2,11 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <iostream>
 #include <utility>
 
 #include "Native/LibrariesFinder/LibrariesFinder.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Runtimes/Python/Native/InterpreterLock.h"
+#include "Runtimes/Python/Native/KeptThreadStates.h"
 #include "Runtimes/Python/Native/PythonLib.h"
 
 using Quorvalen::Native::Definitions::RuntimeOperationMode;
@@ -16,6 +19,8 @@ namespace Messages = Quorvalen::Native::Messages;
 namespace {
 
 constexpr int kPythonVersionCount = 10;
+constexpr const char* kLifetimeVariable = "QUORVALEN_PYTHON_LIFETIME";
+constexpr const char* kLifetimeOfProcess = "process";
 
 QuorvalenNativeException Failure(const std::string& message) {
     return QuorvalenNativeException(message, Messages::kUnknownRuntime);
@@ -25,6 +30,20 @@ void RequireReceiverFile(const std::string& pythonDirectory) {
     const std::string file = pythonDirectory + "/quorvalen/core/receiver/Receiver.py";
     struct stat status = {};
     if (stat(file.c_str(), &status) != 0) throw Failure(Messages::ReceiverFileNotFound(file));
+}
+
+// Once in the life of the process, in one piece.
+void ReportLifetime(const std::string& value) {
+    static std::atomic_flag reported;
+    if (reported.test_and_set()) return;
+    std::cerr << "QUORVALEN_PYTHON_LIFETIME is \"" + value +
+                     "\" and ignored: the only value is \"" + kLifetimeOfProcess + "\"\n"
+              << std::flush;
+}
+
+std::uint64_t NextLauncherNumber() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
 }
 
 }  // namespace
@@ -42,6 +61,7 @@ PythonLauncher::PythonLauncher(RuntimeOperationMode mode)
       sendCommand(nullptr),
       exceptionHandlerInitializer(nullptr),
       callback(nullptr),
+      launcherNumber(NextLauncherNumber()),
       runtimeName("Python") {
     for (int version = 0; version < kPythonVersionCount; ++version) {
         versionDirectories[static_cast<PythonVersion>(version)] = "";
@@ -109,6 +129,7 @@ void PythonLauncher::BindPythonFunctions() {
 void PythonLauncher::StartInterpreter() {
     const std::string pythonDirectory = LibrariesFinder::getBinariesRootPath() + "Binaries/Python";
     RequireReceiverFile(pythonDirectory);
+    ChooseLifetime();
     InitializeInterpreter();
     const int lockState = TakeInterpreterLockForStart();
     AddToModuleSearchPath(pythonDirectory);
@@ -118,6 +139,17 @@ void PythonLauncher::StartInterpreter() {
     // fail the next command.
     if (InitializeExceptionHandler() == nullptr) ShowPythonError();
     FinishStart(lockState);
+}
+
+// Later starts of the launcher, its restarts among them, keep to the choice.
+void PythonLauncher::ChooseLifetime() {
+    if (lifetimeIsChosen) return;
+    lifetimeIsChosen = true;
+    const char* value = std::getenv(kLifetimeVariable);
+    if (value == nullptr) return;
+    livesUntilProcessEnds = std::string(value) == kLifetimeOfProcess;
+    keepsThreadStates.store(livesUntilProcessEnds && KeptThreadStates::ArePossible(python));
+    if (!livesUntilProcessEnds) ReportLifetime(value);
 }
 
 void PythonLauncher::InitializeInterpreter() {
@@ -145,7 +177,8 @@ int PythonLauncher::TakeInterpreterLockForStart() {
     const int lockState = python.PyGILState_Ensure_Fn();
     startLockHolder.store(ThisThreadsNumber());
     // Only the thread that initialised the interpreter holds the lock without having asked for it.
-    if (lockState == kLockWasHeld && !keptByFailedStart && !interpreterIsOurs && !hostRunsPython) {
+    const bool initialised = lockState == kLockWasHeld && !keptByFailedStart && !hostRunsPython;
+    if (initialised && !interpreterIsOurs && !livesUntilProcessEnds) {
         interpreterIsOurs = true;
         startingThread = ThisThreadsNumber();
     }

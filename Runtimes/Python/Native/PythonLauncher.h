@@ -4,7 +4,9 @@
 //
 // Threads: Start runs one call at a time. Commands, responses and runtime information may be asked
 // for on any thread. Close and the destructor must not run while other threads execute commands;
-// the restart after a failed command sees to that by itself.
+// the restart after a failed command sees to that by itself. While QUORVALEN_PYTHON_LIFETIME asks
+// for it, the interpreter lives until the process ends: nothing restarts or finalises it, and the
+// threads that send commands keep their Python thread states.
 //
 // The work is spread over four sources: PythonLauncher.cpp starts, PythonLauncherSearch.cpp finds
 // the library, PythonLauncherCommands.cpp executes, PythonLauncherShutdown.cpp informs and closes.
@@ -15,8 +17,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "Native/Definitions/Export.h"
 #include "Native/Definitions/PythonVersion.h"
@@ -26,6 +26,9 @@
 #include "Runtimes/Python/Native/InterpreterGate.h"
 #include "Runtimes/Python/Native/PythonFunctions.h"
 #include "Runtimes/Python/Native/ThreadNumber.h"
+#include "Runtimes/Python/Native/ThreadRecord.h"
+
+class InterpreterLock;
 
 class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::NativeLauncher {
   public:
@@ -93,7 +96,6 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
   private:
     using PythonVersion = Quorvalen::Native::Definitions::PythonVersion;
     using CallbackFunction = PyObject* (*)(unsigned char*, int);
-    using Bytes = std::vector<unsigned char>;
 
     enum class CommandOutcome { Answered, NotRunning, ArgumentsNotBuilt, CallFailed, WrongResult };
 
@@ -102,6 +104,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     void OpenPythonLibrary();
     void BindPythonFunctions();
     void StartInterpreter();
+    void ChooseLifetime();
     void InitializeInterpreter();
     void NoteWhoseInterpreterThisIs();
     int TakeInterpreterLockForStart();
@@ -125,15 +128,18 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     bool FindByVersion();
 
     // Commands
-    Bytes AskCallback(unsigned char* message, int length);
-    Bytes AskInterpreter(unsigned char* message, int length);
-    CommandOutcome RunCommand(unsigned char* message, int length, Bytes& response);
-    CommandOutcome CallReceiver(unsigned char* message, int length, Bytes& response,
-                                int& lockState);
+    void AskCallback(unsigned char* message, int length, ThreadRecord& thread, Response& response);
+    void AskInterpreter(unsigned char* message, int length, ThreadRecord& thread,
+                        Response& response);
+    CommandOutcome RunCommand(unsigned char* message, int length, ThreadRecord& thread,
+                              Response& response);
+    CommandOutcome CallReceiver(unsigned char* message, int length, ThreadRecord& thread,
+                                Response& response, int& lockState);
+    CommandOutcome FailCommand(InterpreterLock& lock);
     PyObject* BuildArguments(const unsigned char* message, int length);
     bool IsByteArray(PyObject* object);
-    Bytes CopyOf(PyObject* byteArray);
-    void KeepResponse(Bytes response);
+    void Copy(PyObject* byteArray, ThreadRecord& thread, Response& response);
+    ResponseOwner Owner() const;
     bool OtherPythonThreadsAreAlive();
     void RestartInterpreter();
     void DropPendingResponses();
@@ -170,9 +176,10 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     CallbackFunction callback;
     PythonFunctions python;
 
-    std::map<std::thread::id, Bytes> responses;
+    // The responses themselves wait in the records of their threads.
+    const std::uint64_t launcherNumber;
+    std::atomic<std::uint64_t> responseGeneration{0};
     std::mutex startLock;
-    std::mutex responseLock;  // guards `responses` alone; never held while Python runs
     // Guards the writing of `pythonLibraryPath` and `python` against threads that ask for runtime
     // information meanwhile; never held while Python runs.
     std::mutex libraryLock;
@@ -186,7 +193,12 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     std::atomic<std::uint64_t> startLockHolder{kNoThread};
     // There is an interpreter for Close to close.
     bool interpreterInitialized = false;
-    // False when somebody else had started the interpreter: it is not ours to finalise.
+    // Chosen by the first start.
+    bool lifetimeIsChosen = false;
+    bool livesUntilProcessEnds = false;
+    std::atomic<bool> keepsThreadStates{false};
+    // False when somebody else had started the interpreter, or when it lives until the process
+    // ends: it is not ours to finalise.
     bool interpreterIsOurs = false;
     // The starting thread was a Python thread of the host's before the start.
     bool hostRunsPython = false;

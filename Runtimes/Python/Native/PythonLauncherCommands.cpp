@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "Native/Definitions/CommandHeader.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Runtimes/Python/Native/InterpreterLock.h"
+#include "Runtimes/Python/Native/KeptThreadStates.h"
 #include "Runtimes/Python/Native/PythonLauncher.h"
 
 using Quorvalen::Native::Definitions::RuntimeOperationMode;
@@ -28,27 +30,32 @@ QuorvalenNativeException Failure(const std::string& message) {
 
 int PythonLauncher::SendCommand(unsigned char* message, int length) {
     if (message == nullptr) HandleException(Failure(Messages::kArgumentsNotBuilt));
-    Bytes response = operationMode == RuntimeOperationMode::CallingRuntime
-                         ? AskCallback(message, length)
-                         : AskInterpreter(message, length);
-    const int size = static_cast<int>(response.size());
-    KeepResponse(std::move(response));
+    ThreadRecord& thread = ThreadRecord::OfThisThread();
+    Response response;
+    if (operationMode == RuntimeOperationMode::CallingRuntime) {
+        AskCallback(message, length, thread, response);
+    } else {
+        AskInterpreter(message, length, thread, response);
+    }
+    const int size = static_cast<int>(response.size);
+    thread.responses.Keep(Owner(), std::move(response));
     return size;
 }
 
 // By design: no lock is taken and the result is not released; the callback runs on its own terms.
-PythonLauncher::Bytes PythonLauncher::AskCallback(unsigned char* message, int length) {
+void PythonLauncher::AskCallback(unsigned char* message, int length, ThreadRecord& thread,
+                                 Response& response) {
     if (callback == nullptr) throw Failure(Messages::kNoCallback);
     PyObject* result = callback(message, length);
     if (result == nullptr) HandleException(Failure(Messages::kCallbackFailed));
-    return CopyOf(result);
+    Copy(result, thread, response);
 }
 
-PythonLauncher::Bytes PythonLauncher::AskInterpreter(unsigned char* message, int length) {
-    Bytes response;
-    switch (RunCommand(message, length, response)) {
+void PythonLauncher::AskInterpreter(unsigned char* message, int length, ThreadRecord& thread,
+                                    Response& response) {
+    switch (RunCommand(message, length, thread, response)) {
         case CommandOutcome::Answered:
-            return response;
+            return;
         case CommandOutcome::NotRunning:
             HandleException(Failure(Messages::kRuntimeNotInitialized));
         case CommandOutcome::ArgumentsNotBuilt:
@@ -64,17 +71,23 @@ PythonLauncher::Bytes PythonLauncher::AskInterpreter(unsigned char* message, int
 
 // Failures are raised by the caller, once this call has left the interpreter.
 PythonLauncher::CommandOutcome PythonLauncher::RunCommand(unsigned char* message, int length,
-                                                          Bytes& response) {
+                                                          ThreadRecord& thread,
+                                                          Response& response) {
     const InterpreterGate::Pass pass(gate);
     if (!running.load(std::memory_order_acquire)) return CommandOutcome::NotRunning;
+    if (keepsThreadStates.load(std::memory_order_relaxed)) {
+        KeptThreadStates::KeepOwn(python, thread);
+        KeptThreadStates::GiveBackEnded(python);
+    }
     int lockState = kLockWasNotHeld;
-    const CommandOutcome outcome = CallReceiver(message, length, response, lockState);
+    const CommandOutcome outcome = CallReceiver(message, length, thread, response, lockState);
     if (outcome == CommandOutcome::Answered) GiveUpLockIfStillHeld(lockState);
     return outcome;
 }
 
 PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* message, int length,
-                                                            Bytes& response, int& lockState) {
+                                                            ThreadRecord& thread,
+                                                            Response& response, int& lockState) {
     InterpreterLock lock(python);
     lockState = lock.State();
     PyObject* function = IsHeartBeat(message) ? heartBeat : sendCommand;
@@ -85,21 +98,23 @@ PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* messa
     }
     PyObject* result = python.PyObject_CallObject_Fn(function, arguments);
     python.Py_DecRef_Fn(arguments);
-    if (result == nullptr) {
-        ShowPythonError();
-        const InterpreterGate::Closure closure(gate);
-        // An interpreter that anybody else is in, or that is not ours, stays as it is.
-        if (closure.IsShut() && interpreterIsOurs && !OtherPythonThreadsAreAlive()) {
-            // By design: the restart runs with the lock held and leaves none behind.
-            lock.Dismiss();
-            RestartInterpreter();
-        }
-        return CommandOutcome::CallFailed;
-    }
+    if (result == nullptr) return FailCommand(lock);
     const OwnedReference owned(python, result);
     if (!IsByteArray(result)) return CommandOutcome::WrongResult;
-    response = CopyOf(result);
+    Copy(result, thread, response);
     return CommandOutcome::Answered;
+}
+
+PythonLauncher::CommandOutcome PythonLauncher::FailCommand(InterpreterLock& lock) {
+    ShowPythonError();
+    const InterpreterGate::Closure closure(gate);
+    // An interpreter that anybody else is in, or that is not ours, stays as it is.
+    if (closure.IsShut() && interpreterIsOurs && !OtherPythonThreadsAreAlive()) {
+        // By design: the restart runs with the lock held and leaves none behind.
+        lock.Dismiss();
+        RestartInterpreter();
+    }
+    return CommandOutcome::CallFailed;
 }
 
 PyObject* PythonLauncher::BuildArguments(const unsigned char* message, int length) {
@@ -119,12 +134,13 @@ bool PythonLauncher::IsByteArray(PyObject* object) {
 }
 
 // A negative size becomes a length that no vector can have, and so the standard length error.
-PythonLauncher::Bytes PythonLauncher::CopyOf(PyObject* byteArray) {
+void PythonLauncher::Copy(PyObject* byteArray, ThreadRecord& thread, Response& response) {
     const std::ptrdiff_t size = python.PyByteArray_Size_Fn(byteArray);
     const char* data = python.PyByteArray_AsString_Fn(byteArray);
-    if (size < 0) return Bytes(static_cast<std::size_t>(size));
-    const auto* bytes = reinterpret_cast<const unsigned char*>(data);
-    return Bytes(bytes, bytes + size);
+    const auto length = static_cast<std::size_t>(size);
+    if (size < 0) const std::vector<unsigned char> tooLong(length);
+    response = thread.responses.Storage(length);
+    if (size > 0) std::memcpy(response.bytes.get(), data, length);
 }
 
 // By design: a thread that held the lock before its command loses it here. When the thread did not
@@ -139,21 +155,19 @@ void PythonLauncher::GiveUpLockIfStillHeld(int lockState) {
     }
 }
 
-void PythonLauncher::KeepResponse(Bytes response) {
-    const std::lock_guard<std::mutex> lock(responseLock);
-    responses.insert_or_assign(std::this_thread::get_id(), std::move(response));
+int PythonLauncher::ReadResponse(unsigned char* buffer, int length) {
+    PendingResponses& responses = ThreadRecord::OfThisThread().responses;
+    Response response;
+    if (!responses.Take(Owner(), response)) HandleException(Failure(Messages::kNoPendingResponse));
+    // Widened with its sign, a negative length asks for everything.
+    const std::size_t count = std::min(response.size, static_cast<std::size_t>(length));
+    if (count > 0) std::memcpy(buffer, response.bytes.get(), count);
+    responses.Recycle(std::move(response));
+    return 0;
 }
 
-int PythonLauncher::ReadResponse(unsigned char* buffer, int length) {
-    std::unique_lock<std::mutex> lock(responseLock);
-    const auto pending = responses.extract(std::this_thread::get_id());
-    lock.unlock();
-    if (pending.empty()) HandleException(Failure(Messages::kNoPendingResponse));
-    // Widened with its sign, a negative length asks for everything.
-    const Bytes& response = pending.mapped();
-    const std::size_t count = std::min(response.size(), static_cast<std::size_t>(length));
-    if (count > 0) std::memcpy(buffer, response.data(), count);
-    return 0;
+ResponseOwner PythonLauncher::Owner() const {
+    return {launcherNumber, responseGeneration.load(std::memory_order_relaxed)};
 }
 
 // A thread of Python's own (a daemon, or any thread when the restart is not on the starting thread)
@@ -182,13 +196,11 @@ bool PythonLauncher::OtherPythonThreadsAreAlive() {
 // Objects and modules of the failed interpreter are gone afterwards, for every thread.
 // REQUIRES: the gate is shut and this thread holds the interpreter lock.
 void PythonLauncher::RestartInterpreter() {
-    DropPendingResponses();
     Close();
     Start(static_cast<unsigned char>(requestedVersion));
 }
 
-// Close drops them too, but without the lock that readers on other threads rely on.
+// Those of all threads. Their storage stays with the threads, which nobody waits for here.
 void PythonLauncher::DropPendingResponses() {
-    const std::lock_guard<std::mutex> lock(responseLock);
-    responses.clear();
+    responseGeneration.fetch_add(1, std::memory_order_relaxed);
 }

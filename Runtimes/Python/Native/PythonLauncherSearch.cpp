@@ -46,7 +46,8 @@ bool PythonLauncher::loadSharedLibraryInstance() {
 }
 
 // A Python thread that ended during the finalisation may still be in the library's last
-// instructions when the library is closed, so closing must not take the code away.
+// instructions when the library is closed, and an interpreter that lives until the process ends
+// goes on, so closing must not take the code away.
 void PythonLauncher::KeepLibraryMapped() {
     dlopen(pythonLibraryPath.c_str(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }

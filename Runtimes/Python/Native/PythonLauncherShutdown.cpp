@@ -5,6 +5,7 @@
 
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Runtimes/Python/Native/InterpreterLock.h"
+#include "Runtimes/Python/Native/KeptThreadStates.h"
 #include "Runtimes/Python/Native/PythonLauncher.h"
 
 using Quorvalen::Native::Definitions::RuntimeOperationMode;
@@ -120,14 +121,12 @@ void PythonLauncher::ShowPythonError() {
     }
 }
 
-// By design: without the response lock. The restart has emptied the responses under it before, and
-// a destructor has no readers.
 void PythonLauncher::Close() {
     if (operationMode != RuntimeOperationMode::CalledRuntime) return;
     running.store(false);
     receiverClassBound.store(false);
     if (interpreterInitialized) CloseInterpreter();
-    if (!responses.empty()) responses.clear();
+    DropPendingResponses();
     if (pythonLibrary == nullptr) return;
     dlclose(pythonLibrary);
     pythonLibrary = nullptr;
@@ -145,9 +144,10 @@ void PythonLauncher::CloseInterpreter() {
     }
     if (elsewhere) BecomeStartingThread();
     if (interpreterIsOurs) {
+        KeptThreadStates::ForgetAll();
         python.Py_Finalize_Fn();
-        KeepLibraryMapped();
     }
+    if (interpreterIsOurs || livesUntilProcessEnds) KeepLibraryMapped();
     interpreterInitialized = false;
     interpreterIsOurs = false;
     startingThreadState = nullptr;
@@ -177,4 +177,6 @@ PythonLauncher::~PythonLauncher() {
     const int lockState = bound.PyGILState_Ensure_Fn();
     Close();
     if (!finalised) bound.PyGILState_Release_Fn(lockState);
+    // The interpreter goes on without the lock that a failed start kept.
+    if (livesUntilProcessEnds && holder != kNoThread) bound.PyEval_SaveThread_Fn();
 }

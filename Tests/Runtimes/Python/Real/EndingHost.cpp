@@ -1,9 +1,11 @@
 // A host program as users write it: opens the bridge, runs a command, and ends in one of several
 // ways while the interpreter is up. Exits with 0 when everything went well.
 //
-//   EndingHost <bridge> <way>    return, exit, thread, delete, delete-on-thread, close
+//   EndingHost <bridge> <way>    return, exit, thread, delete, delete-on-thread, close,
+//                                return-under-commands, exit-on-worker
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +29,20 @@ void RunCommand(IReceiver* receiver) {
     receiver->ReadResponse(reinterpret_cast<unsigned char*>(response.data()), length);
 }
 
+// Threads that send commands until the process is gone.
+void KeepBusy(IReceiver* receiver) {
+    static std::atomic<int> busy{0};
+    for (int i = 0; i < 4; ++i) {
+        std::thread([receiver] {
+            for (;;) {
+                RunCommand(receiver);
+                ++busy;
+            }
+        }).detach();
+    }
+    while (busy < 100) std::this_thread::yield();
+}
+
 }  // namespace
 
 int main(int, char** arguments) {
@@ -46,6 +62,13 @@ int main(int, char** arguments) {
     RunCommand(receiver);
     std::thread([&] { RunCommand(receiver); }).join();
     if (way == "exit") std::exit(0);
+    if (way == "return-under-commands" || way == "exit-on-worker") KeepBusy(receiver);
+    if (way == "exit-on-worker") {
+        std::thread([&] {
+            RunCommand(receiver);
+            std::exit(0);
+        }).join();
+    }
     if (way == "delete") delete receiver;
     if (way == "delete-on-thread") std::thread([&] { delete receiver; }).join();
     if (way == "close") dlclose(library);

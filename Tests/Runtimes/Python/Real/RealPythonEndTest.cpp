@@ -52,4 +52,26 @@ TEST_P(RealPythonEndTest, AClosedLibraryExitsWith0) {
     EXPECT_EQ(0, StatusOfHost("close"));
 }
 
+// The same with an interpreter that lives until the process ends: threads that have kept states,
+// and may be inside a command, hold nothing up.
+class RealPythonLongLivedEndTest : public RealPythonEndTest {
+    const EnvironmentVariable lifetime{"QUORVALEN_PYTHON_LIFETIME", "process"};
+};
+
+QUORVALEN_ON_EVERY_PYTHON(RealPythonLongLivedEndTest);
+
+TEST_P(RealPythonLongLivedEndTest, EveryWayOfEndingExitsWith0) {
+    for (const char* way : {"return", "exit", "thread", "delete", "delete-on-thread", "close"}) {
+        EXPECT_EQ(0, StatusOfHost(way)) << way;
+    }
+}
+
+TEST_P(RealPythonLongLivedEndTest, ReturnFromMainWhileOtherThreadsSendCommandsExitsWith0) {
+    EXPECT_EQ(0, StatusOfHost("return-under-commands"));
+}
+
+TEST_P(RealPythonLongLivedEndTest, ExitOnAWorkerWhileOthersSendCommandsExitsWith0) {
+    EXPECT_EQ(0, StatusOfHost("exit-on-worker"));
+}
+
 }  // namespace

@@ -1,0 +1,15 @@
+"""The receiver that the benchmarks put beside the bridge: bytes in, bytearray out, nothing else."""
+
+
+class Receiver:
+    @staticmethod
+    def send_command(command):
+        return bytearray(command)
+
+    @staticmethod
+    def heart_beat(command):
+        return bytearray(command)
+
+    @staticmethod
+    def initialize_exception_handler():
+        return None
