@@ -27,6 +27,10 @@ constexpr std::array<std::size_t, 6> kSizes = {16, 64, 4096, 65536, 1 << 20, 16 
 constexpr std::array<std::size_t, 3> kSeveralThreads = {2, 4, 8};
 constexpr std::size_t kSizeOnSeveralThreads = 64;
 
+// Long enough that all threads compete: CPython lets one keep its lock for 5 ms.
+constexpr double kSecondsOnSeveralThreads = 0.2;
+constexpr int kRepetitions = 5;
+
 std::unique_ptr<HostedPython> hosted;
 
 using RoundTrip = void (*)(Exchange&);
@@ -73,7 +77,8 @@ void Register(const std::string& who, const std::string& where, std::size_t size
             state.SetIterationTime(seconds * static_cast<double>(state.max_iterations) / done);
         }
     };
-    benchmark::RegisterBenchmark(name.c_str(), measure)->UseManualTime();
+    auto* registered = benchmark::RegisterBenchmark(name.c_str(), measure)->UseManualTime();
+    if (threads > 1) registered->MinTime(kSecondsOnSeveralThreads)->Repetitions(kRepetitions);
 }
 
 void RegisterAll(const std::vector<Subject>& subjects, const std::shared_ptr<Crew>& starting) {

@@ -53,7 +53,7 @@ void Connection::Exchange(std::span<const unsigned char> command,
 void Connection::ReceiveRefusal(const std::error_code& whileSending,
                                 std::vector<unsigned char>& response) {
     sentWhole = false;
-    if (whileSending == asio::error::timed_out) {
+    if (whileSending == MissedDeadline()) {
         throw NetworkError(
             Messages::DeadlineMissed(peer, Messages::kSend, TextOf(*settings.replyTimeout)));
     }
@@ -78,7 +78,7 @@ FrameReader::Found Connection::Receive(std::vector<unsigned char>& response,
 }
 
 void Connection::FailToReceive(const std::error_code& error) const {
-    if (error == asio::error::timed_out) {
+    if (error == MissedDeadline()) {
         throw NetworkError(Messages::ReplyDeadlineMissed(peer, TextOf(*settings.replyTimeout)));
     }
     const std::string refusal = stream->RefusalIn(error);

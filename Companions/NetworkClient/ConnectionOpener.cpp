@@ -39,7 +39,7 @@ std::unique_ptr<Connection> ConnectionOpener::Attempt() {
     const auto addresses = Addresses(deadline);
     std::error_code error;
     auto socket = Connect(io, addresses, deadline, error);
-    if (error == asio::error::timed_out && deadline.HasPassed()) MissDeadline(Messages::kConnect);
+    if (error == MissedDeadline()) MissDeadline(Messages::kConnect);
     if (error) throw NetworkError(Messages::ConnectFailed(peer, error.message()));
     return std::make_unique<Connection>(
         streams->Make(std::move(socket), deadline, settings.connectTimeout), peer, settings);

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <system_error>
 
 namespace Quorvalen::Companions::Network {
 
@@ -39,6 +40,12 @@ class Deadline {
 
     std::optional<Clock::time_point> end;
 };
+
+// Of an operation that missed its deadline. The system's own time-out is another error: it ends a
+// connection whose other side is gone, whether there is a deadline or not.
+inline std::error_code MissedDeadline() {
+    return std::make_error_code(std::errc::stream_timeout);
+}
 
 // For texts: "5.0", "0.25".
 std::string TextOf(Seconds time);

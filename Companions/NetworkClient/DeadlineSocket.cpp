@@ -11,7 +11,7 @@ bool WaitFor(int descriptor, short events, const Deadline& deadline, std::error_
         const int ready = poll(&waited, 1, left);
         if (ready > 0) return true;
         if (ready == 0) {
-            error = asio::error::timed_out;
+            error = MissedDeadline();
             return false;
         }
         if (errno != EINTR) {

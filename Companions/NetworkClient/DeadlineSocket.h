@@ -1,6 +1,6 @@
 // A connected socket whose reads and writes wait until a deadline at most. It can be read and
 // written like any of Asio's synchronous streams, so TLS can run on top of it. A missed deadline is
-// asio::error::timed_out; bytes that are there are taken even after it.
+// MissedDeadline(); bytes that are there are taken even after it.
 //
 // Belongs to one connection; one thread at a time.
 #ifndef QUORVALEN_COMPANIONS_NETWORKCLIENT_DEADLINESOCKET_H

@@ -1,7 +1,7 @@
 // The bytes of one connection, plain or through TLS. Each of the two client libraries contains one
 // of the two kinds; the rest of their sources is the same.
 //
-// Owned by a connection; one thread at a time. Deadlines are missed with asio::error::timed_out.
+// Owned by a connection; one thread at a time. Deadlines are missed with MissedDeadline().
 #ifndef QUORVALEN_COMPANIONS_NETWORKCLIENT_STREAM_H
 #define QUORVALEN_COMPANIONS_NETWORKCLIENT_STREAM_H
 

@@ -7,6 +7,7 @@
 #include <asio/ip/address.hpp>
 #include <asio/ssl/stream.hpp>
 #include <asio/write.hpp>
+#include <new>
 
 #include "Companions/NetworkClient/DeadlineSocket.h"
 #include "Companions/NetworkClient/Messages.h"
@@ -52,12 +53,14 @@ class TlsStream : public Stream {
 void TlsStream::Expect(const std::string& serverName) {
     std::error_code noAddress;
     asio::ip::make_address(serverName, noAddress);
-    if (!noAddress) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(Tls()), serverName.c_str());
+    // An address with a zone, which no certificate can carry, is refused as a name is: without
+    // either expectation every name would do.
+    if (!noAddress &&
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(Tls()), serverName.c_str()) == 1) {
         return;
     }
     SSL_set_hostflags(Tls(), X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-    SSL_set1_host(Tls(), serverName.c_str());
+    if (SSL_set1_host(Tls(), serverName.c_str()) != 1) throw std::bad_alloc();
     SSL_set_tlsext_host_name(Tls(), serverName.c_str());
 }
 
@@ -81,7 +84,7 @@ bool TlsStream::IsAlive() {
     unsigned char byte = 0;
     std::error_code error;
     ReadSome(std::span(&byte, 1), error);
-    return error == asio::error::timed_out;
+    return error == MissedDeadline();
 }
 
 class TlsStreamMaker : public StreamMaker {
@@ -97,7 +100,7 @@ class TlsStreamMaker : public StreamMaker {
         std::error_code error;
         stream->Handshake(error);
         if (!error) return stream;
-        if (error == asio::error::timed_out) {
+        if (error == MissedDeadline()) {
             throw NetworkError(
                 Messages::DeadlineMissed(peer, Messages::kHandshake, TextOf(timeout)));
         }

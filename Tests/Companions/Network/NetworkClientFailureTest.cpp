@@ -1,6 +1,9 @@
 // What a command fails with when the host is not there, does not answer, hangs up, or answers what
 // is no response.
+#include <linux/filter.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -135,6 +138,80 @@ TEST_P(NetworkClientTest, TheReplyDeadlineWhileSending) {
     EXPECT_EQ(
         Coded("104. \nThe deadline of " + peer->Name() + " was missed after 0.25 s (phase: send)"),
         failure);
+}
+
+// The two ends of the only connection to a port, both of this process.
+struct Ends {
+    int client = -1;
+    int server = -1;
+};
+
+unsigned short PortOf(int socket, decltype(getsockname)* name) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    const int result = name(socket, reinterpret_cast<sockaddr*>(&address), &length);
+    return result == 0 && address.sin_family == AF_INET ? ntohs(address.sin_port) : 0;
+}
+
+Ends FindEnds(unsigned short port) {
+    Ends ends;
+    for (int socket = 0; socket < 1024; ++socket) {
+        const unsigned short other = PortOf(socket, getpeername);
+        if (other == port) ends.client = socket;
+        if (other != 0 && PortOf(socket, getsockname) == port) ends.server = socket;
+    }
+    return ends;
+}
+
+void SetTcpOption(int socket, int option, int value) {
+    EXPECT_EQ(0, setsockopt(socket, IPPROTO_TCP, option, &value, sizeof(value)));
+}
+
+// From now on nothing arrives at this socket, as if its machine had lost its power.
+void CutOff(int socket) {
+    sock_filter nothing = BPF_STMT(BPF_RET | BPF_K, 0);
+    const sock_fprog program = {1, &nothing};
+    EXPECT_EQ(0, setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)));
+}
+
+TEST_P(NetworkClientTest, AHostThatIsGoneIsNoMissedDeadline) {
+    const auto peer = Serve(Echo);
+    const Channel channel = ChannelTo(*peer);
+    EXPECT_EQ("abc", channel.Exchange("abc"));
+    const Ends ends = FindEnds(peer->Port());
+    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 200);  // milliseconds
+    CutOff(ends.server);
+    EXPECT_EQ(Coded("108. \nThe connection to " + peer->Name() +
+                    " was lost before the response came whole: Connection timed out" + kMayHaveRun),
+              channel.Failure("abc"));
+}
+
+TEST_P(NetworkClientTest, AHostThatIsGoneWhileSendingIsNoMissedDeadline) {
+    const auto peer = Serve(Echo);
+    const Channel channel = ChannelTo(*peer);
+    EXPECT_EQ("abc", channel.Exchange("abc"));
+    const Ends ends = FindEnds(peer->Port());
+    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 200);  // milliseconds
+    CutOff(ends.server);
+    EXPECT_EQ(Coded("107. \nThe connection to " + peer->Name() +
+                    " was lost before the command was sent whole: Connection timed out"),
+              channel.Failure(std::string(60'000'000, 'x')));
+}
+
+TEST_P(NetworkClientTest, AnIdleConnectionToAHostThatIsGoneIsReplaced) {
+    const auto peer = Serve(Echo);
+    const Channel channel = ChannelTo(*peer);
+    EXPECT_EQ("abc", channel.Exchange("abc"));
+    const Ends ends = FindEnds(peer->Port());
+    for (const int option : {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT}) {
+        SetTcpOption(ends.client, option, 1);  // second, second, probe
+    }
+    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 0);
+    CutOff(ends.server);
+    pollfd lost = {ends.client, 0, 0};
+    EXPECT_EQ(1, poll(&lost, 1, 30'000));
+    EXPECT_EQ("abc", channel.Exchange("abc"));
+    EXPECT_EQ(2, peer->Connections());
 }
 
 TEST_P(NetworkClientTest, WithoutAReplyDeadlineALateResponseIsTaken) {

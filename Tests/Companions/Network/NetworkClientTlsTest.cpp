@@ -103,6 +103,15 @@ TEST_F(TlsClientTest, TheServerNameIsTheOnlyNameThatCounts) {
               ChannelTo(*peer).Failure("abc"));
 }
 
+// OpenSSL knows no zones: an address with one must not end as no expectation at all.
+TEST_F(TlsClientTest, AnAddressWithAZoneIsNoNameOfTheCertificate) {
+    const auto peer = ServeAs(Files().server);
+    Set("QUORVALEN_TLS_SERVER_NAME", "fe80::1%lo");
+    EXPECT_EQ(Refusal(peer->Name(), "its certificate is not for \"fe80::1%lo\""),
+              ChannelTo(*peer).Failure("abc"));
+    EXPECT_EQ(0, peer->Frames());
+}
+
 TEST_F(TlsClientTest, TheServerIsAskedForNamesAndNotForAddresses) {
     const auto peer = ServeBy(TlsServer(Files().server), [](PeerConnection& connection) {
         connection.ReadFrame();
