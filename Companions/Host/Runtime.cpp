@@ -1,9 +1,9 @@
 #include "Companions/Host/Runtime.h"
 
 #include <dlfcn.h>
-#include <stdlib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <vector>

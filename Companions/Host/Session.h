@@ -11,6 +11,7 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "Companions/Host/CommandStream.h"
 #include "Companions/Host/Connections.h"
@@ -39,9 +40,9 @@ class Session final : public Connection,
   public:
     // `streamArguments` make the stream, which owns the socket from here on.
     template <typename... Arguments>
-    Session(Services& shared, const asio::ip::tcp::endpoint& client, Arguments&&... streamArguments)
+    Session(Services& shared, asio::ip::tcp::endpoint client, Arguments&&... streamArguments)
         : services(shared),
-          peer(client),
+          peer(std::move(client)),
           stream(std::forward<Arguments>(streamArguments)...),
           waiter(shared.context, stream.Descriptor()),
           input(shared.settings.maxFrame) {}

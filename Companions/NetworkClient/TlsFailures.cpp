@@ -91,7 +91,7 @@ std::string HandshakeFailure(const std::error_code& error, SSL* tls,
         return CertificateFault(SSL_get_verify_result(tls), serverName);
     }
     if (CertificateWasMissing(reason, tls)) return Messages::kCertificateDemanded;
-    const std::string refusal = CertificateRefusal(error);
+    std::string refusal = CertificateRefusal(error);
     if (!refusal.empty()) return refusal;
     const char* known = Find(kHandshakeFaults, reason);
     return known != nullptr ? known : error.message();
