@@ -28,6 +28,23 @@ std::string DefaultBridge() {
            "Native/Linux/X64/libQuorvalenPythonRuntimeNative.so";
 }
 
+// The parser takes 010 for 8 and 0x10 for 16, and nan is outside of no range.
+const CLI::Validator kDecimal(
+    [](std::string& text) {
+        const bool hasBase = text.size() > 1 && text[0] == '0' && text[1] != '.';
+        const bool isDecimal = text.find_first_not_of("0123456789.") == std::string::npos;
+        return isDecimal && !hasBase ? "" : "Value " + text + " is no decimal number";
+    },
+    "");
+
+// An empty name, that of a variable which is not set perhaps, must not mean that there is no file:
+// clients would not need a certificate then.
+const CLI::Validator kFileName(
+    [](std::string& text) {
+        return std::string(text.empty() ? "the name of the file is empty" : "");
+    },
+    "");
+
 void DescribeNetwork(CLI::App& app, Settings& settings) {
     app.add_option("--address", settings.address, "The IP address to serve")
         ->check(CLI::Validator(
@@ -40,39 +57,50 @@ void DescribeNetwork(CLI::App& app, Settings& settings) {
         ->capture_default_str();
     const CLI::Range ports(0, 65535);
     app.add_option("--port", settings.port, "The port for plain TCP, 0 for any free one")
-        ->check(ports);
+        ->check(ports)
+        ->check(kDecimal);
     app.add_option("--tls-port", settings.tlsPort, "The port for TLS, 0 for any free one")
-        ->check(ports);
+        ->check(ports)
+        ->check(kDecimal);
     app.add_option("--tls-certificate", settings.tls.certificate,
-                   "The host's certificate and what follows it in its chain, PEM");
-    app.add_option("--tls-key", settings.tls.key, "The key of that certificate, PEM");
+                   "The host's certificate and what follows it in its chain, PEM")
+        ->check(kFileName);
+    app.add_option("--tls-key", settings.tls.key, "The key of that certificate, PEM")
+        ->check(kFileName);
     app.add_option("--tls-client-ca", settings.tls.clientCa,
-                   "Whose client certificates are accepted, PEM; clients need one then");
+                   "Whose client certificates are accepted, PEM; clients need one then")
+        ->check(kFileName);
 }
 
 void DescribeLimits(CLI::App& app, Settings& settings) {
     const CLI::Range seconds(0.001, kLongestTimeout);
     app.add_option("--threads", settings.threads, "Commands executed at the same time")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1024}))
+        ->check(kDecimal)
         ->capture_default_str();
     app.add_option("--max-frame", settings.maxFrame, "The longest command and response, in bytes")
         ->check(CLI::Range(kSmallestMaxFrame, kLargestMaxFrame))
+        ->check(kDecimal)
         ->capture_default_str();
     app.add_option("--max-connections", settings.maxConnections, "Connections at the same time")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}))
+        ->check(kDecimal)
         ->capture_default_str();
     app.add_option("--idle-timeout", settings.idleTimeout,
                    "Seconds after which a connection without progress is ended")
         ->check(seconds)
+        ->check(kDecimal)
         ->capture_default_str();
     app.add_option("--drain-timeout", settings.drainTimeout,
                    "Seconds that commands may still take after SIGTERM or SIGINT")
         ->check(seconds)
+        ->check(kDecimal)
         ->capture_default_str();
 }
 
 void Describe(CLI::App& app, Settings& settings) {
-    app.set_config("--config", "", "A file with options, name = value, without the dashes");
+    app.set_config("--config", "", "A file with options, name = value, without the dashes")
+        ->check(kFileName);
     app.allow_config_extras(CLI::config_extras_mode::error);
     DescribeNetwork(app, settings);
     DescribeLimits(app, settings);

@@ -44,8 +44,8 @@ class Session final : public Connection,
         : services(shared),
           peer(std::move(client)),
           stream(std::forward<Arguments>(streamArguments)...),
-          waiter(shared.context, stream.Descriptor()),
-          input(shared.settings.maxFrame) {}
+          input(shared.settings.maxFrame),
+          waiter(shared.context, stream.Descriptor()) {}
     ~Session() override { waiter.release(); }
 
     void Start() override;
@@ -79,8 +79,10 @@ class Session final : public Connection,
     Services& services;
     const asio::ip::tcp::endpoint peer;
     Stream stream;
-    asio::posix::stream_descriptor waiter;  // on the stream's socket, which it does not own
     CommandStream input;
+    // On the stream's socket, which it does not own: it would close it if what is made after it
+    // failed.
+    asio::posix::stream_descriptor waiter;
     Response response;
     std::size_t sent = 0;  // bytes of the response's frame
     std::atomic<Phase> phase = Stream::kHasHandshake ? Phase::Handshake : Phase::Receiving;

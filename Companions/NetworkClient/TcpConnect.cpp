@@ -73,6 +73,14 @@ void ConnectSocket(tcp::socket& opened, const tcp::endpoint& address, const Dead
     error = std::error_code(outcome, std::system_category());
 }
 
+// When nobody listens at a port of this machine, the system may choose that very port for our end:
+// TCP then connects the socket to itself, and a command would come back as its own response.
+bool IsConnectedToItself(const tcp::socket& opened) {
+    std::error_code local;
+    std::error_code remote;
+    return opened.local_endpoint(local) == opened.remote_endpoint(remote) && !local && !remote;
+}
+
 }  // namespace
 
 std::vector<tcp::endpoint> Resolve(asio::io_context& io, const std::string& host,
@@ -91,6 +99,7 @@ tcp::socket Connect(asio::io_context& io, const std::vector<tcp::endpoint>& addr
         error.clear();
         tcp::socket opened = OpenSocket(io, address.protocol(), error);
         if (!error) ConnectSocket(opened, address, deadline, error);
+        if (!error && IsConnectedToItself(opened)) error = asio::error::connection_refused;
         if (!error) return opened;
     }
     return tcp::socket(io);

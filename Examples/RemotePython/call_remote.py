@@ -31,7 +31,7 @@ def main(arguments):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 3:
+    if len(sys.argv) < 3 + (sys.argv[1:2] == ["--tls"]):
         sys.exit(__doc__.strip())
     try:
         main(sys.argv[1:])

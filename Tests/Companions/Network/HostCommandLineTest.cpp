@@ -52,6 +52,19 @@ const Mistake kMistakes[] = {
      "--log-level: loud not in {debug,info,warning,error,off}"},
     {{"--port", "0", "--python-version", "2.7"},
      "--python-version: 2.7 not in {3.10,3.11,3.12,3.13,3.14,3.6,3.7,3.8,3.9,any}"},
+    {{"--port", "05000"}, "--port: Value 05000 is no decimal number"},
+    {{"--tls-port", "0x10"}, "--tls-port: Value 0x10 is no decimal number"},
+    {{"--port", "0", "--threads", "010"}, "--threads: Value 010 is no decimal number"},
+    {{"--port", "0", "--max-frame", "0x1000"}, "--max-frame: Value 0x1000 is no decimal number"},
+    {{"--port", "0", "--max-connections", "010"},
+     "--max-connections: Value 010 is no decimal number"},
+    {{"--port", "0", "--idle-timeout", "nan"}, "--idle-timeout: Value nan is no decimal number"},
+    {{"--port", "0", "--drain-timeout", "nan"}, "--drain-timeout: Value nan is no decimal number"},
+    {{"--tls-port", "0", "--tls-certificate", ""},
+     "--tls-certificate: the name of the file is empty"},
+    {{"--tls-port", "0", "--tls-key", ""}, "--tls-key: the name of the file is empty"},
+    {{"--tls-port", "0", "--tls-client-ca", ""}, "--tls-client-ca: the name of the file is empty"},
+    {{"--port", "0", "--config", ""}, "--config: the name of the file is empty"},
     {{"--port", "0", "--config", "/nowhere.toml"}, "/nowhere.toml was not readable (missing?)"},
     {{"--tls-port", "0"}, "--tls-port needs --tls-certificate and --tls-key"},
     {{"--tls-port", "0", "--tls-key", "k"}, "--tls-port needs --tls-certificate and --tls-key"},
@@ -151,6 +164,14 @@ TEST(HostCommandLineTest, AWrongValueInTheFileIsRefused) {
     const std::string file = directory.File("host.toml");
     std::ofstream(file) << "port = \"many\"\n";
     EXPECT_EQ(Refusal("--port: Value many not in range 0 to 65535"), Ending({"--config", file}));
+}
+
+TEST(HostCommandLineTest, AnEmptyClientAuthorityInTheFileIsRefused) {
+    const TemporaryDirectory directory;
+    const std::string file = directory.File("host.toml");
+    std::ofstream(file) << "tls-port = 0\ntls-client-ca = \"\"\n";
+    EXPECT_EQ(Refusal("--tls-client-ca: the name of the file is empty"),
+              Ending({"--config", file}));
 }
 
 TEST(HostCommandLineTest, TheSampleFileIsAccepted) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <future>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -41,6 +42,16 @@ class RealPythonThreadEndTest : public LongLivedPython {
         "import sys, threading\n"
         "if not hasattr(sys, 'own'): sys.own = threading.local()\n"
         "sys.own.data = [object()]";
+
+    // Returns when the worker's thread has a state that is kept, with an object in it.
+    void KeepAnObjectOn(Worker& worker) {
+        const auto kept = std::make_shared<std::promise<void>>();
+        worker.Begin([this, kept] {
+            Run(kKeepObject);
+            kept->set_value();
+        });
+        kept->get_future().wait();
+    }
 };
 
 QUORVALEN_ON_EVERY_PYTHON(RealPythonThreadEndTest);
@@ -49,12 +60,7 @@ TEST_P(RealPythonThreadEndTest, AThreadEndsWhileTheHolderOfTheInterpreterLockJoi
     Initialize();
     const int before = ThreadStates();
     Worker other;
-    std::promise<void> kept;
-    other.Begin([&] {
-        Run(kKeepObject);
-        kept.set_value();
-    });
-    kept.get_future().wait();
+    KeepAnObjectOn(other);
     CallBack([&] { other.Then([] {}); });  // joins
     EXPECT_EQ(Command(Calling("PYFUNCTYPE")), Run(Calling("PYFUNCTYPE")));
     Run("pass");
@@ -71,12 +77,7 @@ TEST_P(RealPythonThreadEndTest, ThreadsEndWhileALongCallHoldsTheInterpreterLock)
         release.get_future().wait();
     });
     Worker ending;
-    std::promise<void> kept;
-    ending.Begin([&] {
-        Run(kKeepObject);
-        kept.set_value();
-    });
-    kept.get_future().wait();
+    KeepAnObjectOn(ending);
     std::thread holder([&] { Run(Calling("PYFUNCTYPE")); });
     inside.get_future().wait();
     ending.Then([] {});
@@ -233,12 +234,7 @@ TEST_P(RealPythonThreadEndTest, StatesThatWaitAtThePythonForkAreNotGivenBackInTh
     Initialize();
     const int before = ThreadStates();
     Worker ending;
-    std::promise<void> kept;
-    ending.Begin([&] {
-        Run(kKeepObject);
-        kept.set_value();
-    });
-    kept.get_future().wait();
+    KeepAnObjectOn(ending);
     int calls = 0;
     CallBack([&] {
         if (++calls == 1) return ending.Then([] {});
