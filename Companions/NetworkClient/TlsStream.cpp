@@ -59,7 +59,8 @@ void TlsStream::Expect(const std::string& serverName) {
         X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(Tls()), serverName.c_str()) == 1) {
         return;
     }
-    SSL_set_hostflags(Tls(), X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    SSL_set_hostflags(Tls(),
+                      X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
     if (SSL_set1_host(Tls(), serverName.c_str()) != 1) throw std::bad_alloc();
     SSL_set_tlsext_host_name(Tls(), serverName.c_str());
 }

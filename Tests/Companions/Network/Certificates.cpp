@@ -123,6 +123,7 @@ Certificates::Certificates(const fs::path& directory) {
     expired = maker.Dated("expired", "ca", "20200101000000Z", "20200201000000Z");
     notYetValid = maker.Dated("not-yet-valid", "ca", "20900101000000Z", "20910101000000Z");
     wrongName = maker.Signed("wrong-name", "ca", kElsewhere);
+    nameAsSubject = maker.Signed("localhost", "ca", "email:nobody@elsewhere.test");
     client = maker.Signed("client", "ca", "DNS:client.test");
     untrustedClient = maker.Signed("untrusted-client", "other-ca", "DNS:client.test");
 }

@@ -27,7 +27,8 @@ struct Certificates {
     Identity untrustedServer;  // signed by `otherCa`
     Identity expired;
     Identity notYetValid;
-    Identity wrongName;  // for elsewhere.test and 127.0.0.99
+    Identity wrongName;      // for elsewhere.test and 127.0.0.99
+    Identity nameAsSubject;  // its subject is localhost, but no name is
 
     // Clients.
     Identity client;

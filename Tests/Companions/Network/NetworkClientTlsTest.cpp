@@ -88,6 +88,13 @@ TEST_F(TlsClientTest, ACertificateForAnotherName) {
               ChannelTo(*peer, "localhost").Failure("abc"));
 }
 
+TEST_F(TlsClientTest, TheSubjectOfACertificateIsNoNameOfIt) {
+    const auto peer = ServeAs(Files().nameAsSubject);
+    EXPECT_EQ(Refusal("localhost:" + std::to_string(peer->Port()),
+                      "its certificate is not for \"localhost\""),
+              ChannelTo(*peer, "localhost").Failure("abc"));
+}
+
 TEST_F(TlsClientTest, TheServerNameStandsForTheHost) {
     const auto peer = ServeAs(Files().wrongName);
     for (const char* name : {"elsewhere.test", "127.0.0.99"}) {
