@@ -121,7 +121,7 @@ class Runner:
         ], environment)
         found = collections.defaultdict(list)
         for run in json.loads(output.read_text())["benchmarks"]:
-            name = re.sub(r"/(manual|real)_time$", "", run["run_name"])
+            name = re.sub(r"/(min_time:|repeats:|manual_time|real_time).*", "", run["run_name"])
             if run.get("error_occurred"):
                 raise SystemExit("%s: %s" % (name, run["error_message"]))
             if run["run_type"] != "iteration":
