@@ -82,22 +82,20 @@ void Crew::Do(const std::function<void()>& job) {
 }
 
 double Crew::Time(std::size_t threads, long times,
-                  const std::function<std::function<void(long)>()>& makeRound) {
+                  const std::function<void(std::size_t thread, long times)>& round) {
     std::vector<Span> spans(threads);
     std::latch together(static_cast<std::ptrdiff_t>(threads));
     for (std::size_t i = 0; i < threads; ++i) {
         workers[i]->Begin([&, i] {
-            std::function<void(long)> round;
             try {
-                round = makeRound();
-                round(1);
+                round(i, 1);
             } catch (...) {
                 together.count_down();  // the others must not wait for this one
                 throw;
             }
             together.arrive_and_wait();
             spans[i].begin = Clock::now();
-            round(times);
+            round(i, times);
             spans[i].end = Clock::now();
         });
     }

@@ -41,11 +41,11 @@ class Crew {
     // Runs the job once on the first thread.
     void Do(const std::function<void()>& job);
 
-    // On each of the first `threads` threads: makes a round with `makeRound` and calls it once to
-    // warm up, then all of them together call theirs `times` times. Returns the seconds from the
-    // first one's start to the last one's end.
+    // On each of the first `threads` threads: calls `round` with the thread's index and 1 to warm
+    // up, then all of them together call it with `times`. Returns the seconds from the first one's
+    // start to the last one's end.
     double Time(std::size_t threads, long times,
-                const std::function<std::function<void(long)>()>& makeRound);
+                const std::function<void(std::size_t thread, long times)>& round);
 
   private:
     std::vector<std::unique_ptr<Worker>> workers;

@@ -4,8 +4,9 @@
 //
 //   receiver-round-trips BRIDGE PYBIND_CALLER|- [Google Benchmark's options]
 //
-// A figure's name is <who>/<where>/<bytes>; where is the thread that started Python, or so many
-// other threads at once. Times are wall-clock times per command.
+// A figure's name is <who>/<where>/<bytes>; where is the thread that started Python ("starting"), one
+// other thread ("other"), or so many others at once ("others:8"). Times are wall-clock times per
+// command.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "Benchmarks/Comparison.h"
 #include "Benchmarks/Crew.h"
 #include "Benchmarks/HostedPython.h"
 
@@ -24,12 +26,11 @@ using namespace Benchmarks;
 namespace {
 
 constexpr std::array<std::size_t, 6> kSizes = {16, 64, 4096, 65536, 1 << 20, 16 << 20};
-constexpr std::array<std::size_t, 3> kSeveralThreads = {2, 4, 8};
+constexpr std::array<std::size_t, 4> kThreads = {1, 2, 4, 8};
 constexpr std::size_t kSizeOnSeveralThreads = 64;
 
 // Long enough that all threads compete: CPython lets one keep its lock for 5 ms.
-constexpr double kSecondsOnSeveralThreads = 0.2;
-constexpr int kRepetitions = 5;
+constexpr double kTurnOfSeveralThreads = 0.05;
 
 std::unique_ptr<HostedPython> hosted;
 
@@ -40,7 +41,7 @@ using RoundTrip = void (*)(Exchange&);
 struct Subject {
     const char* name;
     RoundTrip roundTrip;
-    std::shared_ptr<Crew> others = std::make_shared<Crew>(kSeveralThreads.back());
+    std::shared_ptr<Crew> others = std::make_shared<Crew>(kThreads.back());
 };
 
 void AskBridge(Exchange& exchange) {
@@ -57,42 +58,49 @@ void Copy(Exchange& exchange) {
     benchmark::ClobberMemory();
 }
 
-std::function<void(long)> RoundOf(RoundTrip roundTrip, std::size_t size) {
-    auto exchange = std::make_shared<Exchange>(size, kPython);
-    return [roundTrip, exchange](long times) {
-        for (; times > 0; --times) roundTrip(*exchange);
-        exchange->RequireEcho();
+// Each thread has an exchange of its own, from here on.
+Contender MakeContender(const std::string& figure, RoundTrip roundTrip, std::size_t size,
+                        const std::shared_ptr<Crew>& crew, std::size_t threads) {
+    auto exchanges = std::make_shared<std::vector<Exchange>>(threads, Exchange(size, kPython));
+    const auto round = [=](std::size_t thread, long times) {
+        for (; times > 0; --times) roundTrip((*exchanges)[thread]);
     };
+    const auto time = [=](long times) {
+        const long each = std::max<long>(1, times / static_cast<long>(threads));
+        const double seconds = crew->Time(threads, each, round);
+        for (const Exchange& exchange : *exchanges) exchange.RequireEcho();
+        return seconds * static_cast<double>(times) / static_cast<double>(each * threads);
+    };
+    return {figure, time};
 }
 
-void Register(const std::string& who, const std::string& where, std::size_t size,
-              RoundTrip roundTrip, std::shared_ptr<Crew> crew, std::size_t threads) {
-    const std::string name = who + "/" + where + "/" + std::to_string(size);
-    const auto measure = [=](benchmark::State& state) {
-        while (state.KeepRunningBatch(state.max_iterations)) {
-            const long each = std::max<long>(1, state.max_iterations / static_cast<long>(threads));
-            const double seconds =
-                crew->Time(threads, each, [&] { return RoundOf(roundTrip, size); });
-            const auto done = static_cast<double>(each) * static_cast<double>(threads);
-            state.SetIterationTime(seconds * static_cast<double>(state.max_iterations) / done);
-        }
-    };
-    auto* registered = benchmark::RegisterBenchmark(name.c_str(), measure)->UseManualTime();
-    if (threads > 1) registered->MinTime(kSecondsOnSeveralThreads)->Repetitions(kRepetitions);
-}
-
-void RegisterAll(const std::vector<Subject>& subjects, const std::shared_ptr<Crew>& starting) {
-    for (const std::size_t size : kSizes) Register("copy", "starting", size, Copy, starting, 1);
+void CompareSize(std::size_t size, const std::vector<Subject>& subjects,
+                 const std::shared_ptr<Crew>& starting) {
+    const std::string bytes = "/" + std::to_string(size);
+    std::vector<Contender> contenders = {
+        MakeContender("copy/starting" + bytes, Copy, size, starting, 1)};
     for (const Subject& subject : subjects) {
-        for (const std::size_t size : kSizes) {
-            Register(subject.name, "starting", size, subject.roundTrip, starting, 1);
-            Register(subject.name, "other:1", size, subject.roundTrip, subject.others, 1);
-        }
-        for (const std::size_t threads : kSeveralThreads) {
-            Register(subject.name, "other:" + std::to_string(threads), kSizeOnSeveralThreads,
-                     subject.roundTrip, subject.others, threads);
+        const auto add = [&](const char* where, const std::shared_ptr<Crew>& crew) {
+            contenders.push_back(
+                MakeContender(subject.name + (where + bytes), subject.roundTrip, size, crew, 1));
+        };
+        add("/starting", starting);
+        add("/other", subject.others);
+    }
+    Compare(std::to_string(size), contenders);
+}
+
+void CompareSeveralThreads(const std::vector<Subject>& subjects) {
+    std::vector<Contender> contenders;
+    for (const Subject& subject : subjects) {
+        for (const std::size_t threads : kThreads) {
+            const std::string where = "/others:" + std::to_string(threads);
+            contenders.push_back(MakeContender(
+                subject.name + where + "/" + std::to_string(kSizeOnSeveralThreads),
+                subject.roundTrip, kSizeOnSeveralThreads, subject.others, threads));
         }
     }
+    Compare("threads", contenders, kTurnOfSeveralThreads);
 }
 
 int Run(int argc, char** argv) {
@@ -105,7 +113,8 @@ int Run(int argc, char** argv) {
         starting->Do([&] { hosted->OpenPybind(pybindCaller); });
         subjects.push_back({"pybind11", AskPybind});
     }
-    RegisterAll(subjects, starting);
+    for (const std::size_t size : kSizes) CompareSize(size, subjects, starting);
+    CompareSeveralThreads(subjects);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

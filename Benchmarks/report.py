@@ -48,16 +48,20 @@ def spread_text(measured, unit):
 
 
 def combine(row, values, others):
-    """What the goal speaks of, or None when it cannot be told."""
+    """What the goal speaks of, with its spread, or None when it cannot be told."""
     if row.how == "smallest":
-        return min(values)
-    median = spread(values).median
-    base = sum(spread(other).median for other in others)
+        return spread([min(values)])
+    results = [result_of(row, value, sum(against)) for value, *against in zip(values, *others)]
+    return None if None in results else spread(results)
+
+
+def result_of(row, value, base):
+    """Of one repetition, whose values were measured within the same second."""
     if row.how == "value":
-        return median
+        return value
     if row.how == "difference":
-        return median - base
-    return median / base if base else None
+        return value - base
+    return value / base if base else None
 
 
 def judge(row, result):
@@ -95,14 +99,18 @@ def evaluate(row, place, figures):
     others = [figures.get(name, place) for name in row.against]
     beside = figures.get(row.beside, place)
     complete = values and all(others)
-    result = combine(row, values, others) if complete else None
+    if complete and any(len(other) != len(values) for other in others):
+        raise ValueError("%s: figures of one row have as many repetitions" % row.label)
+    results = combine(row, values, others) if complete else None
+    result = results.median if results else None
     return {
         "section": row.section, "what": row.label, "python": place[0], "lifetime": place[1],
         "figures": [row.figure, *row.against], "how": row.how, "unit": row.unit,
         "measured": spread(values)._asdict() if values else None,
         "against": [spread(other)._asdict() if other else None for other in others],
         "pybind11": spread(beside)._asdict() if beside else None,
-        "result": result, "sense": row.sense, "goal": row.goal, "verdict": judge(row, result),
+        "result": result, "results": results._asdict() if results else None,
+        "sense": row.sense, "goal": row.goal, "verdict": judge(row, result),
     }
 
 
@@ -124,12 +132,21 @@ def shown(entry, key):
     return spread_text(Spread(**entry[key]), entry["unit"]) if entry[key] else ""
 
 
+def number_text(entry, number):
+    return format(number, ".2f") if entry["how"] == "ratio" else amount(number, entry["unit"])
+
+
 def result_text(entry):
-    if entry["result"] is None:
-        return "not measured"
-    if entry["how"] == "ratio":
-        return format(entry["result"], ".2f")
-    return amount(entry["result"], entry["unit"])
+    return "not measured" if entry["result"] is None else number_text(entry, entry["result"])
+
+
+def results_text(entry):
+    """With the quartiles, where there are any."""
+    texts = [number_text(entry, entry["results"][key]) for key in ("low", "high")] \
+        if entry["results"] else []
+    if len(set(texts)) < 2 or entry["how"] == "value":
+        return result_text(entry)
+    return "%s (%s to %s)" % (result_text(entry), *texts)
 
 
 def goal_text(entry):
@@ -144,7 +161,7 @@ def line_of(entry):
         spread_text(Spread(**other), entry["unit"]) if other else "-" for other in entry["against"]
     )
     return (entry["what"], entry["python"], entry["lifetime"], shown(entry, "measured"), against,
-            shown(entry, "pybind11"), result_text(entry), goal_text(entry), entry["verdict"])
+            shown(entry, "pybind11"), results_text(entry), goal_text(entry), entry["verdict"])
 
 
 def markdown_table(header, lines):
@@ -180,7 +197,8 @@ def markdown(context, entries):
     lines = ["# What the bridge costs", ""]
     lines += ["- %s: %s" % item for item in context.items() if item[0] != "notes"]
     lines += ["- " + note for note in context.get("notes", ())]
-    lines += ["", "Median (quartiles) over the repetitions. Lifetime is QUORVALEN_PYTHON_LIFETIME.",
+    lines += ["", "Median (quartiles) over the repetitions, of which each has a result of its own. "
+              "Lifetime is QUORVALEN_PYTHON_LIFETIME.",
               "", "## Goals", ""]
     header = ("", "what", "goal", "worst", "where", "met")
     lines += markdown_table(header, map(summary_line, by_goal(entries).items()))

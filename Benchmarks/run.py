@@ -2,7 +2,7 @@
 
     run.py --build BUILD --results DIRECTORY [--effort smoke|quick|full] [--instructions FILE]
 
-What is compared runs in one process in random order, or in processes that take turns. FILE holds
+What is compared takes turns, in one process or as processes. FILE holds
 what Scripts/count-instructions printed.
 """
 
@@ -63,6 +63,17 @@ def figure(name, values, python="", lifetime=""):
     return {"name": name, "python": python, "lifetime": lifetime, "values": list(values)}
 
 
+def figures_of(run):
+    """A comparison has a counter for each figure; any other benchmark is a figure itself."""
+    counters = [(name, value) for name, value in run.items() if "/" in name]
+    if counters:
+        return counters
+    own = [(run["run_name"], run["real_time"])]
+    if "allocations" in run:
+        own.append((run["run_name"] + "/allocations", run["allocations"]))
+    return own
+
+
 class Layout:
     """The directories that the bridge expects around itself, with the minimal receiver."""
 
@@ -121,14 +132,12 @@ class Runner:
         ], environment)
         found = collections.defaultdict(list)
         for run in json.loads(output.read_text())["benchmarks"]:
-            name = re.sub(r"/(min_time:|repeats:|manual_time|real_time).*", "", run["run_name"])
             if run.get("error_occurred"):
-                raise SystemExit("%s: %s" % (name, run["error_message"]))
+                raise SystemExit("%s: %s" % (run["name"], run["error_message"]))
             if run["run_type"] != "iteration":
                 continue
-            found[name].append(run["real_time"])
-            if "allocations" in run:
-                found[name + "/allocations"].append(run["allocations"])
+            for name, value in figures_of(run):
+                found[name].append(value)
         self.figures += [figure(name, values, python, lifetime) for name, values in found.items()]
 
     # --- with Python -----------------------------------------------------------------------------

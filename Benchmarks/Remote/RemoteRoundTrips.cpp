@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -19,7 +20,9 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "Benchmarks/Comparison.h"
 #include "Benchmarks/Exchange.h"
 #include "Benchmarks/Library.h"
 #include "Benchmarks/Remote/Echo.grpc.pb.h"
@@ -143,23 +146,30 @@ void RequireEcho(const Exchange& exchange) {
     }
 }
 
-void Measure(benchmark::State& state, const Ask& ask, std::size_t size) {
-    try {
-        Exchange exchange(size, kPython);
-        ask(exchange);
-        RequireEcho(exchange);
-        for (auto unused : state) {
-            (void)unused;
-            ask(exchange);
-        }
-        RequireEcho(exchange);
-    } catch (const std::exception& error) {
-        state.SkipWithError(error.what());
-    }
+// Long enough that a peer is as warm as it is under steady use.
+constexpr double kTurn = 0.01;
+
+// Two threads in two processes take turns, so the wall clock counts. The first command of a turn
+// wakes whoever slept while it was another's.
+Contender MakeContender(const std::string& figure, const Ask& ask, std::size_t size) {
+    auto exchange = std::make_shared<Exchange>(size, kPython);
+    return {figure, [=](long times) {
+                using Clock = std::chrono::steady_clock;
+                ask(*exchange);
+                const auto begin = Clock::now();
+                for (; times > 0; --times) ask(*exchange);
+                const std::chrono::duration<double> time = Clock::now() - begin;
+                RequireEcho(*exchange);
+                return time.count();
+            }};
 }
 
-// Two threads in two processes take turns, so the wall clock counts.
-void Register(const std::string& argument, const std::string& certificate) {
+struct NamedAsk {
+    std::string name;
+    Ask ask;
+};
+
+NamedAsk ConnectTo(const std::string& argument, const std::string& certificate) {
     const std::size_t equals = argument.find('=');
     const std::string name = argument.substr(0, equals);
     const auto kind = kKinds.find(name);
@@ -169,21 +179,27 @@ void Register(const std::string& argument, const std::string& certificate) {
     const std::string where = argument.substr(equals + 1);
     const std::size_t colon = where.find(':');
     const std::string library = colon == std::string::npos ? "" : where.substr(colon + 1);
-    const Ask ask =
-        kind->second({static_cast<unsigned short>(std::stoul(where)), library, certificate});
-    for (const std::size_t size : kSizes) {
-        const auto measure = [=](benchmark::State& state) { Measure(state, ask, size); };
-        benchmark::RegisterBenchmark((name + "/" + std::to_string(size)).c_str(), measure)
-            ->UseRealTime();
+    const auto port = static_cast<unsigned short>(std::stoul(where));
+    return {name, kind->second({port, library, certificate})};
+}
+
+void CompareSize(std::size_t size, const std::vector<NamedAsk>& peers) {
+    const std::string bytes = std::to_string(size);
+    std::vector<Contender> contenders;
+    for (const NamedAsk& peer : peers) {
+        contenders.push_back(MakeContender(peer.name + "/" + bytes, peer.ask, size));
     }
+    Compare(bytes, contenders, kTurn);
 }
 
 int Run(int argc, char** argv) {
     const std::string certificate = argv[1];
     int next = 2;
+    std::vector<NamedAsk> peers;
     for (; next < argc && std::string(argv[next]) != "--"; ++next) {
-        Register(argv[next], certificate);
+        peers.push_back(ConnectTo(argv[next], certificate));
     }
+    for (const std::size_t size : kSizes) CompareSize(size, peers);
     int left = std::max(argc - next, 1);
     argv[next < argc ? next : 0] = argv[0];
     benchmark::Initialize(&left, argv + (next < argc ? next : 0));
