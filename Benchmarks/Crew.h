@@ -41,9 +41,9 @@ class Crew {
     // Runs the job once on the first thread.
     void Do(const std::function<void()>& job);
 
-    // On each of the first `threads` threads: calls `round` with the thread's index and 1 to warm
-    // up, then all of them together call it with `times`. Returns the seconds from the first one's
-    // start to the last one's end.
+    // On each of the first `threads` threads: calls `round` with the thread's index a few times to
+    // warm up, then all of them together call it with `times`. Returns the seconds from the first
+    // one's start to the last one's end.
     double Time(std::size_t threads, long times,
                 const std::function<void(std::size_t thread, long times)>& round);
 

@@ -4,9 +4,9 @@
 //
 //   receiver-round-trips BRIDGE PYBIND_CALLER|- [Google Benchmark's options]
 //
-// A figure's name is <who>/<where>/<bytes>; where is the thread that started Python ("starting"), one
-// other thread ("other"), or so many others at once ("others:8"). Times are wall-clock times per
-// command.
+// A figure's name is <who>/<where>/<bytes>; where is the thread that started Python ("starting"),
+// one other thread ("other"), or so many others at once ("others:8"). Times are wall-clock times
+// per command.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -95,9 +95,9 @@ void CompareSeveralThreads(const std::vector<Subject>& subjects) {
     for (const Subject& subject : subjects) {
         for (const std::size_t threads : kThreads) {
             const std::string where = "/others:" + std::to_string(threads);
-            contenders.push_back(MakeContender(
-                subject.name + where + "/" + std::to_string(kSizeOnSeveralThreads),
-                subject.roundTrip, kSizeOnSeveralThreads, subject.others, threads));
+            contenders.push_back(
+                MakeContender(subject.name + where + "/" + std::to_string(kSizeOnSeveralThreads),
+                              subject.roundTrip, kSizeOnSeveralThreads, subject.others, threads));
         }
     }
     Compare("threads", contenders, kTurnOfSeveralThreads);

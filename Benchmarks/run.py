@@ -32,14 +32,16 @@ LIFETIME_VARIABLE = "QUORVALEN_PYTHON_LIFETIME"
 STEP_TIMEOUT = 600  # seconds; no step comes near it
 READY_TIMEOUT = 30
 
-# min_time: seconds of one repetition. starts: pairs of processes. commands, threads: of one round.
+# processes: of each program, because some have luck with their addresses. repetitions: of each
+# process. min_time: seconds of one repetition. starts: pairs of processes. commands, threads: of one
+# round.
 Effort = collections.namedtuple(
-    "Effort", "repetitions min_time starts commands threads rounds counted all_pythons"
+    "Effort", "processes repetitions min_time starts commands threads rounds counted all_pythons"
 )
 EFFORTS = {
-    "smoke": Effort(2, 0.0001, 1, 100, 10, 1, 100, False),
-    "quick": Effort(5, 0.005, 7, 100_000, 200, 3, 10_000, True),
-    "full": Effort(21, 0.01, 31, 1_000_000, 1000, 4, 100_000, True),
+    "smoke": Effort(1, 2, 0.0001, 1, 100, 10, 1, 100, False),
+    "quick": Effort(1, 5, 0.005, 7, 100_000, 200, 3, 10_000, True),
+    "full": Effort(3, 7, 0.01, 31, 1_000_000, 1000, 4, 100_000, True),
 }
 
 
@@ -63,15 +65,19 @@ def figure(name, values, python="", lifetime=""):
     return {"name": name, "python": python, "lifetime": lifetime, "values": list(values)}
 
 
-def figures_of(run):
-    """A comparison has a counter for each figure; any other benchmark is a figure itself."""
-    counters = [(name, value) for name, value in run.items() if "/" in name]
-    if counters:
-        return counters
-    own = [(run["run_name"], run["real_time"])]
-    if "allocations" in run:
-        own.append((run["run_name"] + "/allocations", run["allocations"]))
-    return own
+def figures_of(runs):
+    """Names and values. A comparison has a counter for each figure; others are figures themselves."""
+    for run in runs:
+        if run.get("error_occurred"):
+            raise SystemExit("%s: %s" % (run["name"], run["error_message"]))
+        if run["run_type"] != "iteration":
+            continue
+        counters = [(name, value) for name, value in run.items() if "/" in name]
+        if not counters:
+            yield run["run_name"], run["real_time"]
+        yield from counters
+        if "allocations" in run:
+            yield run["run_name"] + "/allocations", run["allocations"]
 
 
 class Layout:
@@ -124,19 +130,15 @@ class Runner:
         Each takes `longer` times the usual.
         """
         output = self.layout.root / "google-benchmark.json"
-        self.run([
-            *command, "--benchmark_out=%s" % output, "--benchmark_out_format=json",
-            "--benchmark_min_time=%g" % (longer * self.effort.min_time),
-            "--benchmark_repetitions=%d" % self.effort.repetitions,
-            "--benchmark_enable_random_interleaving=true",
-        ], environment)
         found = collections.defaultdict(list)
-        for run in json.loads(output.read_text())["benchmarks"]:
-            if run.get("error_occurred"):
-                raise SystemExit("%s: %s" % (run["name"], run["error_message"]))
-            if run["run_type"] != "iteration":
-                continue
-            for name, value in figures_of(run):
+        for _ in range(self.effort.processes):
+            self.run([
+                *command, "--benchmark_out=%s" % output, "--benchmark_out_format=json",
+                "--benchmark_min_time=%g" % (longer * self.effort.min_time),
+                "--benchmark_repetitions=%d" % self.effort.repetitions,
+                "--benchmark_enable_random_interleaving=true",
+            ], environment)
+            for name, value in figures_of(json.loads(output.read_text())["benchmarks"]):
                 found[name].append(value)
         self.figures += [figure(name, values, python, lifetime) for name, values in found.items()]
 
@@ -327,7 +329,7 @@ def main():
         runner.leave_out("pybind11/other:1/64", "no Python that the goal against pybind11 is for")
     context = {
         "date": time.strftime("%Y-%m-%d"), "machine": processor(), "system": platform.release(),
-        "effort": "%s, %d repetitions" % (options.effort, effort.repetitions),
+        "effort": "%s, %d repetitions" % (options.effort, effort.processes * effort.repetitions),
         "duration": "%d s" % (time.monotonic() - begin), "notes": runner.notes,
     }
     print(report.write(context, runner.figures, options.results))

@@ -36,6 +36,16 @@ void* Allocate(std::size_t size, const void* caller) {
     return memory;
 }
 
+// The C library's aligned_alloc is nobody's own, so it is counted here.
+void* AllocateAligned(std::size_t size, std::align_val_t alignment, const void* caller) {
+    if (MustFail(caller)) throw std::bad_alloc();
+    ++count;
+    const auto unit = static_cast<std::size_t>(alignment);
+    void* memory = std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
 }  // namespace
 
 namespace AllocationShim {
@@ -66,6 +76,18 @@ void* operator new(std::size_t size) {
 }
 void* operator new[](std::size_t size) {
     return Allocate(size, __builtin_return_address(0));
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return AllocateAligned(size, alignment, __builtin_return_address(0));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return AllocateAligned(size, alignment, __builtin_return_address(0));
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+    std::free(memory);
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);

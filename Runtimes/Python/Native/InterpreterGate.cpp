@@ -1,31 +1,29 @@
 #include "Runtimes/Python/Native/InterpreterGate.h"
 
 // The caller has been counted already.
-void InterpreterGate::EnterShut() {
-    do {
-        if (restartingThread.load() == std::this_thread::get_id()) return;
-        Leave();
-        WaitUntilOpen();
-    } while ((inside.fetch_add(1, std::memory_order_acquire) & kShut) != 0);
+void InterpreterGate::EnterShut(ThreadRecord& thread) {
+    if (restartingThread.load() == std::this_thread::get_id()) return;
+    Leave(thread);
+    shut.wait(true);
+    Enter(thread);
 }
 
-// The exchange succeeds only from "one inside, open", so a call that enters at the same moment
-// either counts and prevents the restart or finds the gate shut.
+// A call that enters at the same moment may count although it is about to wait; then nothing is
+// restarted, as for any other call that is inside.
 bool InterpreterGate::TryShut() {
-    std::uint32_t onlyTheCaller = 1;
-    if (!inside.compare_exchange_strong(onlyTheCaller, 1 | kShut)) return false;
+    if (ThreadRecord::AllCallsInside() > 1) return false;  // spares the others the barrier
+    if (shut.exchange(true)) return false;
+    AsymmetricBarrier::Heavy();
+    if (ThreadRecord::AllCallsInside() > 1) {
+        Open();
+        return false;
+    }
     restartingThread.store(std::this_thread::get_id());
     return true;
 }
 
 void InterpreterGate::Open() {
     restartingThread.store(std::thread::id());
-    inside.fetch_and(~kShut);
-    inside.notify_all();
-}
-
-void InterpreterGate::WaitUntilOpen() {
-    for (std::uint32_t seen = inside.load(); (seen & kShut) != 0; seen = inside.load()) {
-        inside.wait(seen);
-    }
+    shut.store(false);
+    shut.notify_all();
 }

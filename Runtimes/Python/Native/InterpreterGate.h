@@ -1,58 +1,62 @@
-// Counts the calls that are inside the interpreter and lets one of them, when it is the only one,
-// shut the gate to restart the interpreter. Calls that arrive meanwhile wait; the restarting thread
-// itself passes freely. One gate per launcher; any thread. Passing an open gate costs one atomic
-// addition.
+// Knows which calls are inside the interpreter and lets one of them, when it is the only one, shut
+// the gate to restart the interpreter. Calls that arrive meanwhile wait; the restarting thread
+// itself passes freely. One gate per launcher; any thread. Every thread counts its own calls, those
+// of all launchers together because they share the interpreter, so that passing an open gate takes
+// no locked instruction; shutting it takes milliseconds.
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <thread>
+
+#include "Runtimes/Python/Native/AsymmetricBarrier.h"
+#include "Runtimes/Python/Native/ThreadRecord.h"
 
 class InterpreterGate {
   public:
-    // Being inside, from construction to destruction.
+    // Being inside, from construction to destruction. `own` is the calling thread's record.
     class Pass {
       public:
-        explicit Pass(InterpreterGate& entered) : gate(entered) { gate.Enter(); }
-        ~Pass() { gate.Leave(); }
+        Pass(InterpreterGate& gate, ThreadRecord& own) : thread(own) { gate.Enter(thread); }
+        ~Pass() { Leave(thread); }
         Pass(const Pass&) = delete;
         Pass& operator=(const Pass&) = delete;
 
       private:
-        InterpreterGate& gate;
+        ThreadRecord& thread;
     };
 
     // Shuts the gate from construction to destruction, unless a call other than the one that asks
     // is inside. REQUIRES: the calling thread holds exactly one Pass for the call that asks.
     class Closure {
       public:
-        explicit Closure(InterpreterGate& asked) : gate(asked), shut(gate.TryShut()) {}
+        explicit Closure(InterpreterGate& asked) : gate(asked), isShut(gate.TryShut()) {}
         ~Closure() {
-            if (shut) gate.Open();
+            if (isShut) gate.Open();
         }
         Closure(const Closure&) = delete;
         Closure& operator=(const Closure&) = delete;
 
-        bool IsShut() const { return shut; }
+        bool IsShut() const { return isShut; }
 
       private:
         InterpreterGate& gate;
-        const bool shut;
+        const bool isShut;
     };
 
   private:
-    static constexpr std::uint32_t kShut = 0x80000000;
-
-    // The way through an open gate is short and part of every command.
-    void Enter() {
-        if ((inside.fetch_add(1, std::memory_order_acquire) & kShut) != 0) EnterShut();
+    // The way through an open gate is short and part of every command. Who shuts the gate either
+    // sees this call counted or is seen here.
+    void Enter(ThreadRecord& thread) {
+        ThreadRecord::Add(thread.callsInside, 1);
+        AsymmetricBarrier::Light();
+        if (shut.load(std::memory_order_acquire)) [[unlikely]]
+            EnterShut(thread);
     }
-    void Leave() { inside.fetch_sub(1, std::memory_order_release); }
-    void EnterShut();
+    static void Leave(ThreadRecord& thread) { ThreadRecord::Add(thread.callsInside, -1); }
+    void EnterShut(ThreadRecord& thread);
     bool TryShut();
     void Open();
-    void WaitUntilOpen();
 
-    std::atomic<std::uint32_t> inside{0};  // the count, with kShut added during a restart
+    std::atomic<bool> shut{false};
     std::atomic<std::thread::id> restartingThread{};
 };

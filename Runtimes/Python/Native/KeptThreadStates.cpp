@@ -1,19 +1,10 @@
 #include "Runtimes/Python/Native/KeptThreadStates.h"
 
-#include <atomic>
 #include <memory>
 
 #include "Runtimes/Python/Native/InterpreterLock.h"
 
 namespace {
-
-// States of an interpreter that was finalised must not be touched any more.
-std::atomic<std::uint64_t> interpreter{1};
-
-bool IsKept(const ThreadRecord& thread) {
-    return thread.keptState != nullptr &&
-           thread.keptFor == interpreter.load(std::memory_order_relaxed);
-}
 
 // From 3.12 on, deleting the state of any thread unbinds the deleting thread from its own.
 bool DeletingUnbinds(const PythonFunctions& python) {
@@ -56,12 +47,14 @@ class StandInState {
 // before the first is deleted. REQUIRES: the interpreter lock.
 void Free(const PythonFunctions& python, ThreadRecord* records) {
     for (const ThreadRecord* record = records; record != nullptr; record = record->nextEnded) {
-        if (IsKept(*record)) python.PyThreadState_Clear_Fn(record->keptState);
+        if (KeptThreadStates::HasLastingState(*record))
+            python.PyThreadState_Clear_Fn(record->keptState);
     }
     while (records != nullptr) {
         const std::unique_ptr<ThreadRecord> record(records);
         records = record->nextEnded;
-        if (IsKept(*record)) python.PyThreadState_Delete_Fn(record->keptState);
+        if (KeptThreadStates::HasLastingState(*record))
+            python.PyThreadState_Delete_Fn(record->keptState);
     }
 }
 
@@ -69,24 +62,29 @@ void Free(const PythonFunctions& python, ThreadRecord* records) {
 
 namespace KeptThreadStates {
 
+constinit std::atomic<std::uint64_t> interpreter{1};
+
 bool ArePossible(const PythonFunctions& python) {
     return python.PyGILState_GetThisThreadState_Fn != nullptr &&
            python.PyThreadState_Clear_Fn != nullptr && python.PyThreadState_Delete_Fn != nullptr &&
            (!DeletingUnbinds(python) || CanBindAgain(python));
 }
 
+void NoteStartingThread(ThreadRecord& thread) {
+    thread.hasStateIn = interpreter.load(std::memory_order_relaxed);
+}
+
 // The outer taking of the lock is never given back by the thread, only the lock itself is.
 void KeepOwn(const PythonFunctions& python, ThreadRecord& thread) {
-    if (IsKept(thread) || thread.endRounds == 0) return;
+    if (thread.endRounds == 0) return;
     if (python.PyGILState_GetThisThreadState_Fn() != nullptr) return;
     python.PyGILState_Ensure_Fn();
     thread.keptState = python.PyEval_SaveThread_Fn();
-    thread.keptFor = interpreter.load(std::memory_order_relaxed);
+    thread.hasStateIn = interpreter.load(std::memory_order_relaxed);
 }
 
 // Without memory for a stand-in the states wait for the next command.
 void GiveBackEnded(const PythonFunctions& python) {
-    if (!ThreadRecord::HaveEnded()) return;
     const InterpreterLock lock(python);
     if (!DeletingUnbinds(python)) {
         Free(python, ThreadRecord::TakeEnded());

@@ -6,13 +6,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
+
+struct FreedAtEnd {
+    std::align_val_t alignment{};
+    void operator()(unsigned char* bytes) const { ::operator delete[](bytes, alignment); }
+};
 
 // The bytes of one response. The storage may be larger than the response; what it holds before it
 // is written is not defined.
 struct Response {
-    std::unique_ptr<unsigned char[]> bytes;
+    std::unique_ptr<unsigned char[], FreedAtEnd> bytes;
     std::size_t size = 0;
     std::size_t capacity = 0;
 };
@@ -27,59 +33,60 @@ struct ResponseOwner {
 
 class PendingResponses {
   public:
-    // Storage for `size` bytes, the thread's spare one if it fits. It is the caller's, so that a
-    // command within the command cannot write over it. Throws std::bad_alloc.
-    Response Storage(std::size_t size) {
-        if (spare.capacity < size || spare.bytes == nullptr || !IsUsedBy(spare.capacity, size)) {
-            return NewStorage(size);
-        }
-        spare.size = size;
-        return std::move(spare);
+    // One launcher's pending response, or the storage that its last one left.
+    struct Entry {
+        ResponseOwner owner;
+        bool isPending;
+        Response response;
+    };
+
+    // Storage for `size` bytes, that of the launcher's last response if it fits. It is the
+    // caller's, so that a command within the command cannot write over it. Throws std::bad_alloc.
+    Response Storage(ResponseOwner owner, std::size_t size) {
+        Entry& entry = EntryOf(owner.launcher);
+        if (entry.isPending) return NewStorage(size);
+        Response left = std::exchange(entry.response, {});
+        if (left.capacity < size || !IsUsedBy(left.capacity, size)) return NewStorage(size);
+        left.size = size;
+        return left;
     }
 
     // Makes `response` the pending one of `owner`; the earlier one of the same launcher is
     // forgotten. Throws std::bad_alloc, and nothing has changed then.
     void Keep(ResponseOwner owner, Response&& response) {
-        Pending& entry = EntryOf(owner.launcher);
-        if (entry.isPending) Recycle(std::move(entry.response));
+        Entry& entry = EntryOf(owner.launcher);
         entry.response = std::move(response);
         entry.owner = owner;
         entry.isPending = true;
     }
 
-    // Moves the pending response of `owner` into `response` and forgets it. False when there is
-    // none.
-    bool Take(ResponseOwner owner, Response& response) {
-        for (Pending& entry : entries) {
+    // The entry of the response that is pending for `owner`, null when there is none. It stays
+    // valid until another member function is called.
+    Entry* PendingOf(ResponseOwner owner) {
+        for (Entry& entry : entries) {
             if (entry.owner.launcher != owner.launcher || !entry.isPending) continue;
-            entry.isPending = false;
-            response = std::move(entry.response);
             if (entry.owner.generation == owner.generation) [[likely]]
-                return true;
-            Recycle(std::move(response));
-            return false;
+                return &entry;
+            Forget(entry);
+            break;
         }
-        return false;
+        return nullptr;
     }
 
-    // Hands storage back that Storage or Take gave; it is kept for the next response or freed.
-    void Recycle(Response&& response) {
-        const std::size_t size = response.size;
+    // The response is not pending any more; its storage is kept for the next one or freed.
+    void Forget(Entry& entry) {
+        const std::size_t size = entry.response.size;
         // One big response does not stay: the one before it has to have used the storage too.
-        if (IsUsedBy(response.capacity, std::min(size, previousSize))) spare = std::move(response);
+        if (!IsUsedBy(entry.response.capacity, std::min(size, previousSize))) [[unlikely]]
+            entry.response = {};
         previousSize = size;
+        entry.isPending = false;
     }
 
     // Frees everything.
     void Clear();
 
   private:
-    struct Pending {
-        ResponseOwner owner;
-        bool isPending;
-        Response response;
-    };
-
     static constexpr std::size_t kAlwaysKept = 65536;  // bytes, as all sizes here
     // Larger storage stays only while at least this part of it is used.
     static constexpr std::size_t kUsedPart = 4;
@@ -87,15 +94,14 @@ class PendingResponses {
     static bool IsUsedBy(std::size_t capacity, std::size_t size) {
         return capacity <= kAlwaysKept || size >= capacity / kUsedPart;
     }
-    Pending& EntryOf(std::uint64_t launcher) {
+    Entry& EntryOf(std::uint64_t launcher) {
         if (!entries.empty() && entries.front().owner.launcher == launcher) [[likely]]
             return entries.front();
         return OtherEntryOf(launcher);
     }
-    Pending& OtherEntryOf(std::uint64_t launcher);
-    Response NewStorage(std::size_t size);
+    [[gnu::noinline]] Entry& OtherEntryOf(std::uint64_t launcher);
+    [[gnu::noinline]] static Response NewStorage(std::size_t size);
 
-    std::vector<Pending> entries;  // as many as launchers have a response pending at once: one
-    Response spare;
+    std::vector<Entry> entries;    // as many as launchers have a response pending at once: one
     std::size_t previousSize = 0;  // of the response before the last one that was read
 };

@@ -87,7 +87,7 @@ std::string PythonLauncher::GetRuntimeName() {
 int PythonLauncher::Start(unsigned char version) {
     // Another thread's restart must not close the interpreter under this start, nor the other way
     // round; the restart's own start passes freely.
-    const InterpreterGate::Pass pass(gate);
+    const InterpreterGate::Pass pass(gate, ThreadRecord::OfThisThread());
     const std::lock_guard<std::mutex> lock(startLock);
     RefuseStartWhileAnotherThreadHoldsTheLock();
     requestedVersion = static_cast<PythonVersion>(version);
@@ -178,7 +178,9 @@ int PythonLauncher::TakeInterpreterLockForStart() {
     startLockHolder.store(ThisThreadsNumber());
     // Only the thread that initialised the interpreter holds the lock without having asked for it.
     const bool initialised = lockState == kLockWasHeld && !keptByFailedStart && !hostRunsPython;
-    if (initialised && !interpreterIsOurs && !livesUntilProcessEnds) {
+    if (initialised && livesUntilProcessEnds) {
+        KeptThreadStates::NoteStartingThread(ThreadRecord::OfThisThread());
+    } else if (initialised && !interpreterIsOurs) {
         interpreterIsOurs = true;
         startingThread = ThisThreadsNumber();
     }

@@ -128,14 +128,15 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     bool FindByVersion();
 
     // Commands
-    void AskCallback(unsigned char* message, int length, ThreadRecord& thread, Response& response);
-    void AskInterpreter(unsigned char* message, int length, ThreadRecord& thread,
-                        Response& response);
+    [[gnu::noinline]] void AskCallback(unsigned char* message, int length, ThreadRecord& thread,
+                                       Response& response);
+    [[noreturn, gnu::cold, gnu::noinline]] void RaiseFailure(CommandOutcome outcome,
+                                                             const unsigned char* message);
     CommandOutcome RunCommand(unsigned char* message, int length, ThreadRecord& thread,
                               Response& response);
     CommandOutcome CallReceiver(unsigned char* message, int length, ThreadRecord& thread,
                                 Response& response, int& lockState);
-    CommandOutcome FailCommand(InterpreterLock& lock);
+    [[gnu::cold, gnu::noinline]] CommandOutcome FailCommand(InterpreterLock& lock);
     PyObject* BuildArguments(const unsigned char* message, int length);
     bool IsByteArray(PyObject* object);
     void Copy(PyObject* byteArray, ThreadRecord& thread, Response& response);
@@ -153,7 +154,7 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     bool MayAskManagedRuntime() const;
     ManagedAnswer AskManagedRuntime(std::string& info);
     std::string TextOf(PyObject* value);
-    void ShowPythonError();
+    [[gnu::cold, gnu::noinline]] void ShowPythonError();
     void CloseInterpreter();
     void BecomeStartingThread();
     void KeepLibraryMapped();

@@ -22,20 +22,33 @@ bool IsHeartBeat(const unsigned char* message) {
     return message[Definitions::CommandHeader::kKind] == Definitions::kHeartBeat;
 }
 
+// The end of what was written last is still in the cache, and the beginning is when this is done,
+// where the next copy begins.
+void CopyFromTheEnd(unsigned char* to, const char* from, std::size_t length) {
+    constexpr std::size_t kPart = 256 << 10;  // bytes; fits into a core's own cache
+    for (; length > kPart; length -= kPart) {
+        std::memcpy(to + length - kPart, from + length - kPart, kPart);
+    }
+    std::memcpy(to, from, length);
+}
+
 QuorvalenNativeException Failure(const std::string& message) {
     return QuorvalenNativeException(message, Messages::kUnknownRuntime);
 }
 
 }  // namespace
 
-int PythonLauncher::SendCommand(unsigned char* message, int length) {
-    if (message == nullptr) HandleException(Failure(Messages::kArgumentsNotBuilt));
+// Flattened: every command goes through here, and each call on its way that is left costs some of
+// what it may cost over the calls of Python.
+[[gnu::flatten]] int PythonLauncher::SendCommand(unsigned char* message, int length) {
+    if (message == nullptr) RaiseFailure(CommandOutcome::ArgumentsNotBuilt, message);
     ThreadRecord& thread = ThreadRecord::OfThisThread();
     Response response;
     if (operationMode == RuntimeOperationMode::CallingRuntime) {
         AskCallback(message, length, thread, response);
     } else {
-        AskInterpreter(message, length, thread, response);
+        const CommandOutcome outcome = RunCommand(message, length, thread, response);
+        if (outcome != CommandOutcome::Answered) RaiseFailure(outcome, message);
     }
     const int size = static_cast<int>(response.size);
     thread.responses.Keep(Owner(), std::move(response));
@@ -51,17 +64,15 @@ void PythonLauncher::AskCallback(unsigned char* message, int length, ThreadRecor
     Copy(result, thread, response);
 }
 
-void PythonLauncher::AskInterpreter(unsigned char* message, int length, ThreadRecord& thread,
-                                    Response& response) {
-    switch (RunCommand(message, length, thread, response)) {
-        case CommandOutcome::Answered:
-            return;
+void PythonLauncher::RaiseFailure(CommandOutcome outcome, const unsigned char* message) {
+    switch (outcome) {
         case CommandOutcome::NotRunning:
             HandleException(Failure(Messages::kRuntimeNotInitialized));
         case CommandOutcome::ArgumentsNotBuilt:
             HandleException(Failure(Messages::kArgumentsNotBuilt));
         case CommandOutcome::CallFailed:
             HandleException(Failure(Messages::kCommandFailed));
+        case CommandOutcome::Answered:
         case CommandOutcome::WrongResult:
             break;
     }
@@ -73,11 +84,11 @@ void PythonLauncher::AskInterpreter(unsigned char* message, int length, ThreadRe
 PythonLauncher::CommandOutcome PythonLauncher::RunCommand(unsigned char* message, int length,
                                                           ThreadRecord& thread,
                                                           Response& response) {
-    const InterpreterGate::Pass pass(gate);
+    const InterpreterGate::Pass pass(gate, thread);
     if (!running.load(std::memory_order_acquire)) return CommandOutcome::NotRunning;
     if (keepsThreadStates.load(std::memory_order_relaxed)) {
-        KeptThreadStates::KeepOwn(python, thread);
-        KeptThreadStates::GiveBackEnded(python);
+        if (!KeptThreadStates::HasLastingState(thread)) KeptThreadStates::KeepOwn(python, thread);
+        if (ThreadRecord::HaveEnded()) KeptThreadStates::GiveBackEnded(python);
     }
     int lockState = kLockWasNotHeld;
     const CommandOutcome outcome = CallReceiver(message, length, thread, response, lockState);
@@ -107,9 +118,10 @@ PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* messa
 
 PythonLauncher::CommandOutcome PythonLauncher::FailCommand(InterpreterLock& lock) {
     ShowPythonError();
+    // An interpreter that is not ours, or that anybody else is in, stays as it is.
+    if (!interpreterIsOurs) return CommandOutcome::CallFailed;
     const InterpreterGate::Closure closure(gate);
-    // An interpreter that anybody else is in, or that is not ours, stays as it is.
-    if (closure.IsShut() && interpreterIsOurs && !OtherPythonThreadsAreAlive()) {
+    if (closure.IsShut() && !OtherPythonThreadsAreAlive()) {
         // By design: the restart runs with the lock held and leaves none behind.
         lock.Dismiss();
         RestartInterpreter();
@@ -139,8 +151,8 @@ void PythonLauncher::Copy(PyObject* byteArray, ThreadRecord& thread, Response& r
     const char* data = python.PyByteArray_AsString_Fn(byteArray);
     const auto length = static_cast<std::size_t>(size);
     if (size < 0) const std::vector<unsigned char> tooLong(length);
-    response = thread.responses.Storage(length);
-    if (size > 0) std::memcpy(response.bytes.get(), data, length);
+    response = thread.responses.Storage(Owner(), length);
+    if (size > 0) CopyFromTheEnd(response.bytes.get(), data, length);
 }
 
 // By design: a thread that held the lock before its command loses it here. When the thread did not
@@ -157,12 +169,12 @@ void PythonLauncher::GiveUpLockIfStillHeld(int lockState) {
 
 int PythonLauncher::ReadResponse(unsigned char* buffer, int length) {
     PendingResponses& responses = ThreadRecord::OfThisThread().responses;
-    Response response;
-    if (!responses.Take(Owner(), response)) HandleException(Failure(Messages::kNoPendingResponse));
+    PendingResponses::Entry* const entry = responses.PendingOf(Owner());
+    if (entry == nullptr) HandleException(Failure(Messages::kNoPendingResponse));
     // Widened with its sign, a negative length asks for everything.
-    const std::size_t count = std::min(response.size, static_cast<std::size_t>(length));
-    if (count > 0) std::memcpy(buffer, response.bytes.get(), count);
-    responses.Recycle(std::move(response));
+    const std::size_t count = std::min(entry->response.size, static_cast<std::size_t>(length));
+    if (count > 0) std::memcpy(buffer, entry->response.bytes.get(), count);
+    responses.Forget(*entry);
     return 0;
 }
 

@@ -25,7 +25,7 @@ constexpr const char* kLetThreadingShutDownAtOnce =
 // A restart on another thread closes the library under the functions used here, so this counts as a
 // call inside the interpreter.
 std::string PythonLauncher::GetRuntimeInfo() {
-    const InterpreterGate::Pass pass(gate);
+    const InterpreterGate::Pass pass(gate, ThreadRecord::OfThisThread());
     const std::string managed = GetRuntimeInfoFromManagedRuntime();
     return GetRuntimeInfoFromNativeLevel() + "\n" + managed;
 }

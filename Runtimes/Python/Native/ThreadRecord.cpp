@@ -4,31 +4,36 @@
 
 #include <atomic>
 #include <climits>
+#include <mutex>
 #include <utility>
 
 namespace {
 
 thread_local constinit bool threadHasEnded = false;
 
-std::atomic<ThreadRecord*> ended{nullptr};
+// The records of all threads that have not ended.
+std::mutex livingLock;
+ThreadRecord* living = nullptr;
 
-// The ending thread waits for nobody: whoever holds the interpreter lock may be joining it.
-void Retire(ThreadRecord* record) {
-    if (record->keptState == nullptr) {
-        delete record;
-        return;
-    }
-    record->responses.Clear();
-    ThreadRecord* next = ended.load(std::memory_order_relaxed);
-    do {
-        record->nextEnded = next;
-    } while (!ended.compare_exchange_weak(next, record, std::memory_order_release,
-                                          std::memory_order_relaxed));
+void AddToLiving(ThreadRecord* record) {
+    const std::lock_guard<std::mutex> guard(livingLock);
+    record->nextLiving = living;
+    if (living != nullptr) living->previousLiving = record;
+    living = record;
+}
+
+void RemoveFromLiving(const ThreadRecord* record) {
+    const std::lock_guard<std::mutex> guard(livingLock);
+    ThreadRecord* const previous = record->previousLiving;
+    ThreadRecord* const next = record->nextLiving;
+    (previous == nullptr ? living : previous->nextLiving) = next;
+    if (next != nullptr) next->previousLiving = previous;
 }
 
 }  // namespace
 
 thread_local constinit ThreadRecord* ThreadRecord::current = nullptr;
+constinit std::atomic<ThreadRecord*> ThreadRecord::ended{nullptr};
 
 // The function of a key runs at a thread's end, after the destructors of its variables, but not
 // while the process exits.
@@ -53,24 +58,57 @@ struct ThreadEnd {
         Retire(record);
     }
 
-    // In a forked child Python has freed the states of all threads but the forking one.
-    static void ForgetInChild() { ended.store(nullptr, std::memory_order_relaxed); }
+    // The ending thread waits for no Python: whoever holds the interpreter lock may be joining it.
+    static void Retire(ThreadRecord* record) {
+        RemoveFromLiving(record);
+        if (record->keptState == nullptr) {
+            delete record;
+            return;
+        }
+        record->responses.Clear();
+        std::atomic<ThreadRecord*>& ended = ThreadRecord::ended;
+        ThreadRecord* next = ended.load(std::memory_order_relaxed);
+        do {
+            record->nextEnded = next;
+        } while (!ended.compare_exchange_weak(next, record, std::memory_order_release,
+                                              std::memory_order_relaxed));
+    }
+
+    // The child must not find the list half changed, nor its lock held by a thread it does not
+    // have.
+    static void BeforeFork() { livingLock.lock(); }
+    static void AfterFork() { livingLock.unlock(); }
+
+    // A forked child has no other thread than the forking one, and Python has freed their states
+    // there. Their records stay behind.
+    static void ForgetInChild() {
+        living = ThreadRecord::current;
+        if (living != nullptr) living->previousLiving = living->nextLiving = nullptr;
+        AfterFork();
+        ThreadRecord::ended.store(nullptr, std::memory_order_relaxed);
+    }
 
     pthread_key_t key = 0;
     const bool keyExists = pthread_key_create(&key, Notice) == 0;
-    const bool forksAreNoticed = pthread_atfork(nullptr, nullptr, ForgetInChild) == 0;
+    const bool forksAreNoticed = pthread_atfork(BeforeFork, AfterFork, ForgetInChild) == 0;
 };
 
 ThreadRecord& ThreadRecord::MakeCurrent() {
     current = new ThreadRecord;
+    AddToLiving(current);
     const bool noticed = !threadHasEnded && ThreadEnd::Get().WillBeNoticed(current);
     // One less than there are: a thread may send its first command in the first of them.
     current->endRounds = noticed ? PTHREAD_DESTRUCTOR_ITERATIONS - 1 : 0;
     return *current;
 }
 
-bool ThreadRecord::HaveEnded() {
-    return ended.load(std::memory_order_relaxed) != nullptr;
+int ThreadRecord::AllCallsInside() {
+    const std::lock_guard<std::mutex> guard(livingLock);
+    int calls = 0;
+    for (const ThreadRecord* record = living; record != nullptr; record = record->nextLiving) {
+        calls += record->callsInside.load(std::memory_order_acquire);
+    }
+    return calls;
 }
 
 ThreadRecord* ThreadRecord::TakeEnded() {

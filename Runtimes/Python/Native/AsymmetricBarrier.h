@@ -1,0 +1,25 @@
+// A pair of memory barriers for two sides of which one is passed by every command and the other
+// almost never: between a store and a later load on each side, so that at least one side sees what
+// the other has stored. The light one costs next to nothing because the heavy one makes every other
+// processor take a barrier. Any thread.
+#pragma once
+
+#include <atomic>
+
+class AsymmetricBarrier {
+  public:
+    static void Light() {
+        if (heavyOneIsEnough) [[likely]] {
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        } else {
+            std::atomic_thread_fence(std::memory_order_seq_cst);
+        }
+    }
+
+    // Takes as long as it takes every processor to change threads: milliseconds.
+    static void Heavy();
+
+  private:
+    // False where the system does not offer the call that the heavy one makes.
+    static const bool heavyOneIsEnough;
+};
