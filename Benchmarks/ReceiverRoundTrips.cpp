@@ -30,7 +30,7 @@ constexpr std::array<std::size_t, 4> kThreads = {1, 2, 4, 8};
 constexpr std::size_t kSizeOnSeveralThreads = 64;
 
 // Long enough that all threads compete: CPython lets one keep its lock for 5 ms.
-constexpr double kTurnOfSeveralThreads = 0.05;
+constexpr double kTurnOfSeveralThreads = 0.2;
 
 std::unique_ptr<HostedPython> hosted;
 

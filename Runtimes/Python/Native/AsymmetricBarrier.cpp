@@ -21,6 +21,6 @@ const bool AsymmetricBarrier::heavyOneIsEnough = IsOffered();
 
 // The faster kinds of the call need a registration, which would make every start wait instead.
 void AsymmetricBarrier::Heavy() {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    _mm_mfence();
     if (heavyOneIsEnough) MemoryBarrierCall(MEMBARRIER_CMD_GLOBAL);
 }

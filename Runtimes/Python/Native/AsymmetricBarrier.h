@@ -4,6 +4,8 @@
 // processor take a barrier. Any thread.
 #pragma once
 
+#include <emmintrin.h>
+
 #include <atomic>
 
 class AsymmetricBarrier {
@@ -12,7 +14,7 @@ class AsymmetricBarrier {
         if (heavyOneIsEnough) [[likely]] {
             std::atomic_signal_fence(std::memory_order_seq_cst);
         } else {
-            std::atomic_thread_fence(std::memory_order_seq_cst);
+            _mm_mfence();
         }
     }
 

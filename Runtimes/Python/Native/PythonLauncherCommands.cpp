@@ -7,6 +7,7 @@
 
 #include "Native/Definitions/CommandHeader.h"
 #include "Native/QuorvalenNativeException/Messages.h"
+#include "Runtimes/Python/Native/CommandTurns.h"
 #include "Runtimes/Python/Native/InterpreterLock.h"
 #include "Runtimes/Python/Native/KeptThreadStates.h"
 #include "Runtimes/Python/Native/PythonLauncher.h"
@@ -86,10 +87,14 @@ PythonLauncher::CommandOutcome PythonLauncher::RunCommand(unsigned char* message
                                                           Response& response) {
     const InterpreterGate::Pass pass(gate, thread);
     if (!running.load(std::memory_order_acquire)) return CommandOutcome::NotRunning;
-    if (keepsThreadStates.load(std::memory_order_relaxed)) {
+    const bool keepsStates = keepsThreadStates.load(std::memory_order_relaxed);
+    if (keepsStates) {
         if (!KeptThreadStates::HasLastingState(thread)) KeptThreadStates::KeepOwn(python, thread);
         if (ThreadRecord::HaveEnded()) KeptThreadStates::GiveBackEnded(python);
     }
+    // A command within a command must not wait for the outer one.
+    const bool isInner = thread.callsInside.load(std::memory_order_relaxed) > 1;
+    const CommandTurns::Turn turn(python, keepsStates && !isInner);
     int lockState = kLockWasNotHeld;
     const CommandOutcome outcome = CallReceiver(message, length, thread, response, lockState);
     if (outcome == CommandOutcome::Answered) GiveUpLockIfStillHeld(lockState);

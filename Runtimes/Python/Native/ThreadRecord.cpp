@@ -7,6 +7,8 @@
 #include <mutex>
 #include <utility>
 
+#include "Runtimes/Python/Native/CommandTurns.h"
+
 namespace {
 
 thread_local constinit bool threadHasEnded = false;
@@ -86,6 +88,7 @@ struct ThreadEnd {
         if (living != nullptr) living->previousLiving = living->nextLiving = nullptr;
         AfterFork();
         ThreadRecord::ended.store(nullptr, std::memory_order_relaxed);
+        CommandTurns::ForgetAll();
     }
 
     pthread_key_t key = 0;

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Tests/Runtimes/Python/TestThreads.h"
 #include "Tests/Support/Bridge.h"
 #include "Tests/Support/DlopenShim.h"
 #include "Tests/Support/Files.h"
@@ -137,6 +139,19 @@ class StartedLauncherFixture : public PythonLauncherFixture {
     void Start(const std::string& fake = "FakePython") {
         UsePython(layout, fake);
         launcher->Initialize(0);
+        Fakes::ClearTrace();
+    }
+
+    // Lets a heart beat run on a thread of its own until `release` is set; returns when it is
+    // inside. Then the trace is empty.
+    void HoldHeartBeat(Worker& worker, std::promise<void>& release) {
+        std::promise<void> inside;
+        WithinNext("PyObject_CallObject(heart_beat, arguments)", [&] {
+            inside.set_value();
+            release.get_future().wait();
+        });
+        worker.Begin([this] { EXPECT_EQ(8, Send(launcher, Command("", kHeartBeat))); });
+        inside.get_future().wait();
         Fakes::ClearTrace();
     }
 

@@ -1,8 +1,10 @@
 // Threads that a test steers: one that stays for several steps, and one that is expected to wait.
-// Created and ended by the test's own thread.
+// Created and ended by the test's own thread. And a process that has only one of them.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -68,3 +70,17 @@ class Waiting {
     std::atomic<bool> done{false};
     std::thread thread;
 };
+
+// Runs `operation` in a forked child. 0 when its expectations were met.
+template <typename Operation>
+int StatusOfChild(Operation operation) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        operation();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}

@@ -31,6 +31,40 @@ class RealPythonLifetimeTest : public LongLivedPython {
 
 QUORVALEN_ON_EVERY_PYTHON(RealPythonLifetimeTest);
 
+// --- Turns --------------------------------------------------------------------------------------
+
+// The command that runs ends only after the one that finds it running.
+TEST_P(RealPythonLifetimeTest, ACommandMayWaitForACommandOfAnotherThread) {
+    Initialize();
+    Run("import sys, threading; sys.called, sys.answered = threading.Event(), threading.Event()");
+    std::thread waiting([&] {
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ("True", Run("import sys\nsys.called.set()\n"
+                                  "result = bytearray(str(sys.answered.wait(60)).encode())\n"
+                                  "sys.answered.clear()"));
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ("True", Run("import sys\nresult = bytearray(str(sys.called.wait(60)).encode())\n"
+                              "sys.called.clear()\nsys.answered.set()"));
+    }
+    waiting.join();
+}
+
+TEST_P(RealPythonLifetimeTest, ManyThreadsSendCommandAfterCommand) {
+    Initialize();
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 8; ++number) {
+        threads.emplace_back([this, number] {
+            for (int i = 0; i < 500; ++i) {
+                const std::string own = std::to_string(number * 1000 + i);
+                ASSERT_EQ(own, Run("result = bytearray(b'" + own + "')"));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
 // --- What survives ------------------------------------------------------------------------------
 
 TEST_P(RealPythonLifetimeTest, DataOfAThreadSurvivesBetweenItsCommands) {

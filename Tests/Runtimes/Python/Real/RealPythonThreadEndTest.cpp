@@ -1,7 +1,6 @@
 // The end of threads, of forked children and of commands within commands while the interpreter
 // lives until the process ends: nothing hangs, nothing crashes, nothing is given back twice.
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
@@ -23,19 +22,6 @@ class RealPythonThreadEndTest : public LongLivedPython {
     }
     void LeaveEndedThreads(int count) {
         for (int i = 0; i < count; ++i) std::thread([&] { Run(kKeepObject); }).join();
-    }
-    // The exit status of a child that runs `operation`.
-    template <typename Operation>
-    static int StatusOfChild(Operation operation) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(60);
-            operation();
-            _exit(testing::Test::HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        return status;
     }
 
     static constexpr const char* kKeepObject =
