@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds kSweepInterval(100);
 
 Server::Server(const Settings& chosen)
     : settings(chosen),
-      context(static_cast<int>(chosen.threads) + 1),
+      context(1),
       signals(context),
       sweepTimer(context),
       drainTimer(context),
@@ -45,7 +45,7 @@ Server::Server(const Settings& chosen)
 
 // Python has installed its own signal handlers by now.
 void Server::Run(const Runtime& runtime) {
-    Services services{context, settings, runtime, slots, connections};
+    Services services{events, settings, runtime, slots, connections};
     AwaitSignal(services);
     StartListeners(services);
     Sweep();
@@ -77,12 +77,15 @@ std::string Server::ReadyLine(const Runtime& runtime) const {
            ", pid " + std::to_string(getpid());
 }
 
+// One thread more than commands are executed at the same time: it answers heartbeats and receives
+// what waits for a slot.
 void Server::RunThreads() {
     std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < settings.threads; ++i) {
-        threads.emplace_back([this] { context.run(); });
+    for (std::size_t i = 0; i < settings.threads + 1; ++i) {
+        threads.emplace_back([this] { events.Run(); });
     }
     context.run();
+    events.Stop();
     for (std::thread& thread : threads) thread.join();
 }
 

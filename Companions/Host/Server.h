@@ -1,4 +1,4 @@
-// The host's event loop: listeners, sessions, signals and the orderly end. The main thread makes it
+// The host's threads: listeners, sessions, signals and the orderly end. The main thread makes it
 // and runs it; nothing else is called from outside.
 #ifndef QUORVALEN_COMPANIONS_HOST_SERVER_H
 #define QUORVALEN_COMPANIONS_HOST_SERVER_H
@@ -13,6 +13,7 @@
 #include "Companions/Host/Listener.h"
 #include "Companions/Host/Session.h"
 #include "Companions/Host/Settings.h"
+#include "Companions/Host/SocketEvents.h"
 #include "Companions/Host/TlsStream.h"
 #include "Companions/Host/WorkerSlots.h"
 
@@ -40,8 +41,9 @@ class Server {
 
     const Settings& settings;
     std::optional<TlsContext> tls;
-    // One thread more than commands are executed at the same time: it keeps the loop alive.
+    // Of the main thread: listeners, timers, signals.
     asio::io_context context;
+    SocketEvents events;
     asio::signal_set signals;
     asio::steady_timer sweepTimer;
     asio::steady_timer drainTimer;

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <asio/post.hpp>
 #include <sstream>
 
 namespace Quorvalen::Companions::Network::Host {
@@ -20,14 +19,14 @@ constexpr Clock::duration kDroppingTime = std::chrono::seconds(1);
 // A client that never lets its session wait has to let others have the thread.
 constexpr int kStepsInARow = 64;
 
-using Wanted = asio::posix::stream_descriptor::wait_type;
+using Event = SocketEvents::Event;
 
 }  // namespace
 
 template <typename Stream>
 void Session<Stream>::Start() {
     SetDeadline(Stream::kHasHandshake ? kHandshakeTime : Duration(services.settings.idleTimeout));
-    Wait(Wanted::wait_read);
+    Wait(Event::Read);
 }
 
 template <typename Stream>
@@ -78,8 +77,8 @@ bool Session<Stream>::Advance() {
         if (!goesOn) return false;
         if (hasCommand && phase == Phase::Receiving) return true;
     }
-    RenewDeadline();
-    asio::post(services.context, [self = this->shared_from_this()] { self->Continue(); });
+    // It can be written at any time, unless the client reads nothing.
+    Wait(Event::Write);
     return false;
 }
 
@@ -170,10 +169,10 @@ bool Session<Stream>::Settle(IoResult result) {
         case Io::Done:
             return true;
         case Io::WantsRead:
-            Wait(Wanted::wait_read);
+            Wait(Event::Read);
             return false;
         case Io::WantsWrite:
-            Wait(Wanted::wait_write);
+            Wait(Event::Write);
             return false;
         case Io::Ended:
             TellEnd();
@@ -187,10 +186,9 @@ bool Session<Stream>::Settle(IoResult result) {
 }
 
 template <typename Stream>
-void Session<Stream>::Wait(Wanted what) {
+void Session<Stream>::Wait(Event what) {
     RenewDeadline();
-    waiter.async_wait(
-        what, [self = this->shared_from_this()](const asio::error_code&) { self->Continue(); });
+    services.events.Await(Descriptor(), what, this->shared_from_this());
 }
 
 // The times for handshake and dropping are not extended by what the client sends.

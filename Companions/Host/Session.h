@@ -6,9 +6,7 @@
 #ifndef QUORVALEN_COMPANIONS_HOST_SESSION_H
 #define QUORVALEN_COMPANIONS_HOST_SESSION_H
 
-#include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <atomic>
 #include <memory>
 #include <utility>
@@ -16,6 +14,7 @@
 #include "Companions/Host/CommandStream.h"
 #include "Companions/Host/Connections.h"
 #include "Companions/Host/Runtime.h"
+#include "Companions/Host/SocketEvents.h"
 #include "Companions/Host/Stream.h"
 #include "Companions/Host/TlsStream.h"
 #include "Companions/Host/WorkerSlots.h"
@@ -24,7 +23,7 @@ namespace Quorvalen::Companions::Network::Host {
 
 // What all sessions share; outlives them.
 struct Services {
-    asio::io_context& context;
+    SocketEvents& events;
     const Settings& settings;
     const Runtime& runtime;
     WorkerSlots& slots;
@@ -36,6 +35,7 @@ struct Services {
 template <typename Stream>
 class Session final : public Connection,
                       public Job,
+                      public SocketUser,
                       public std::enable_shared_from_this<Session<Stream>> {
   public:
     // `streamArguments` make the stream, which owns the socket from here on.
@@ -44,11 +44,10 @@ class Session final : public Connection,
         : services(shared),
           peer(std::move(client)),
           stream(std::forward<Arguments>(streamArguments)...),
-          input(shared.settings.maxFrame),
-          waiter(shared.context, stream.Descriptor()) {}
-    ~Session() override { waiter.release(); }
+          input(shared.settings.maxFrame) {}
 
     void Start() override;
+    void Ready() override { Continue(); }
     bool Execute() override;
 
   private:
@@ -69,7 +68,7 @@ class Session final : public Connection,
     void BeginDropping();
 
     bool Settle(IoResult result);
-    void Wait(asio::posix::stream_descriptor::wait_type what);
+    void Wait(SocketEvents::Event what);
     void TellFailure() const;
     void TellEnd() const;
     void RenewDeadline();
@@ -80,9 +79,6 @@ class Session final : public Connection,
     const asio::ip::tcp::endpoint peer;
     Stream stream;
     CommandStream input;
-    // On the stream's socket, which it does not own: it would close it if what is made after it
-    // failed.
-    asio::posix::stream_descriptor waiter;
     Response response;
     std::size_t sent = 0;  // bytes of the response's frame
     std::atomic<Phase> phase = Stream::kHasHandshake ? Phase::Handshake : Phase::Receiving;

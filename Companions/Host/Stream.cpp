@@ -8,6 +8,10 @@
 
 namespace Quorvalen::Companions::Network::Host {
 
+Descriptor::~Descriptor() {
+    close(number);
+}
+
 // A process that Python code has forked may still have the socket: closing it alone would not tell
 // the client.
 Socket::~Socket() {

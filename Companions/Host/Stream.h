@@ -33,6 +33,20 @@ struct IoResult {
     std::size_t count = 0;  // bytes read or written
 };
 
+// A descriptor, closed at the end of the scope.
+class Descriptor {
+  public:
+    explicit Descriptor(int open) : number(open) {}
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int Number() const { return number; }
+
+  private:
+    const int number;
+};
+
 // A socket, closed at the end of the scope.
 class Socket {
   public:

@@ -17,6 +17,25 @@
 
 namespace Quorvalen::Companions::Network {
 
+// Tells whether a host is so quick that its next answer is worth looking for without sleeping: a
+// processor that slept takes longer to wake than such an answer takes.
+class AnswerTimes {
+  public:
+    bool AreShort() const { return shortOnes >= kShortOnesWanted; }
+    void Note(Clock::duration time) { shortOnes = time < kShort ? shortOnes + 1 : 0; }
+
+  private:
+    static constexpr Clock::duration kShort = std::chrono::microseconds(100);
+    // So many in a row: where others want the processor as well, looking for an answer may cost a
+    // millisecond, and that must not happen often.
+    static constexpr std::size_t kShortOnesWanted = 256;
+
+    std::size_t shortOnes = 0;  // in a row
+};
+
+// Looks for input on the descriptor for a moment without sleeping. False when there is none.
+bool LooksReadable(int descriptor);
+
 // Waits for `events` of poll() on the descriptor. False and `error` when the deadline is missed.
 bool WaitFor(int descriptor, short events, const Deadline& deadline, std::error_code& error);
 
@@ -39,7 +58,7 @@ class DeadlineSocket {
         // An answer is never there at once: asking for it before waiting would be a system call for
         // nothing in every round trip.
         if (std::exchange(answerIsDue, false)) {
-            if (!WaitFor(Descriptor(), POLLIN, deadline, error)) return 0;
+            if (!AwaitAnswer(error)) return 0;
         }
         return Try(POLLIN, error, [&] { return socket.read_some(buffers, error); });
     }
@@ -51,6 +70,14 @@ class DeadlineSocket {
     }
 
   private:
+    bool AwaitAnswer(std::error_code& error) {
+        const Clock::time_point begin = Clock::now();
+        const bool isHere = answerTimes.AreShort() && LooksReadable(Descriptor());
+        if (!isHere && !WaitFor(Descriptor(), POLLIN, deadline, error)) return false;
+        answerTimes.Note(Clock::now() - begin);
+        return true;
+    }
+
     template <typename Operation>
     std::size_t Try(short events, std::error_code& error, Operation operation) {
         for (;;) {
@@ -62,6 +89,7 @@ class DeadlineSocket {
 
     asio::ip::tcp::socket socket;
     Deadline deadline = Deadline::Never();
+    AnswerTimes answerTimes;
     bool answerIsDue = false;  // something was written and nothing read since
 };
 
