@@ -189,13 +189,18 @@ void CutOff(int socket) {
     EXPECT_EQ(0, setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)));
 }
 
+// What is sent now is given up after 200 ms.
+void LoseHostOf(const Peer& peer) {
+    const Ends ends = FindEnds(peer.Port());
+    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 200);  // milliseconds
+    CutOff(ends.server);
+}
+
 TEST_P(NetworkClientTest, AHostThatIsGoneIsNoMissedDeadline) {
     const auto peer = Serve(Echo);
     const Channel channel = ChannelTo(*peer);
     EXPECT_EQ("abc", channel.Exchange("abc"));
-    const Ends ends = FindEnds(peer->Port());
-    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 200);  // milliseconds
-    CutOff(ends.server);
+    LoseHostOf(*peer);
     EXPECT_EQ(Coded("108. \nThe connection to " + peer->Name() +
                     " was lost before the response came whole: Connection timed out" + kMayHaveRun),
               channel.Failure("abc"));
@@ -205,9 +210,7 @@ TEST_P(NetworkClientTest, AHostThatIsGoneWhileSendingIsNoMissedDeadline) {
     const auto peer = Serve(Echo);
     const Channel channel = ChannelTo(*peer);
     EXPECT_EQ("abc", channel.Exchange("abc"));
-    const Ends ends = FindEnds(peer->Port());
-    SetTcpOption(ends.client, TCP_USER_TIMEOUT, 200);  // milliseconds
-    CutOff(ends.server);
+    LoseHostOf(*peer);
     EXPECT_EQ(Coded("107. \nThe connection to " + peer->Name() +
                     " was lost before the command was sent whole: Connection timed out"),
               channel.Failure(std::string(60'000'000, 'x')));
@@ -227,6 +230,58 @@ TEST_P(NetworkClientTest, AnIdleConnectionToAHostThatIsGoneIsReplaced) {
     EXPECT_EQ(1, poll(&lost, 1, 30'000));
     EXPECT_EQ("abc", channel.Exchange("abc"));
     EXPECT_EQ(2, peer->Connections());
+}
+
+// --- After so many quick answers that the next one is looked for without sleeping ---------------
+
+// Answers many commands at once and then does what `last` does with the next.
+Peer::Script QuickUntil(const std::string& command, const Peer::Script& last) {
+    return [command, last](PeerConnection& connection) {
+        for (auto message = connection.ReadFrame(); message; message = connection.ReadFrame()) {
+            if (*message == command) return last(connection);
+            connection.Send(Frame(*message));
+        }
+    };
+}
+
+void ExchangeMany(const Channel& channel) {
+    for (int i = 0; i < 1000; ++i) {
+        const std::string command = std::to_string(i);
+        ASSERT_EQ(command, channel.Exchange(command));
+    }
+}
+
+TEST_P(NetworkClientTest, ALateAnswerOfAQuickHostIsTaken) {
+    const auto peer = Serve(QuickUntil("slow", [](PeerConnection& connection) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        connection.Send(Frame("late"));
+        Echo(connection);
+    }));
+    const Channel channel = ChannelTo(*peer);
+    ExchangeMany(channel);
+    EXPECT_EQ("late", channel.Exchange("slow"));
+    ExchangeMany(channel);
+    EXPECT_EQ(1, peer->Connections());
+}
+
+TEST_P(NetworkClientTest, AQuickHostThatFallsSilentMissesTheDeadline) {
+    Set("QUORVALEN_NETWORK_REPLY_TIMEOUT", "0.3");
+    const auto peer = Serve(QuickUntil("slow", Silence));
+    const Channel channel = ChannelTo(*peer);
+    ExchangeMany(channel);
+    EXPECT_EQ(Coded("104. \nThe deadline of " + peer->Name() +
+                    " was missed after 0.3 s (phase: reply)" + kMayHaveRun),
+              channel.Failure("slow"));
+}
+
+TEST_P(NetworkClientTest, AQuickHostThatHangsUpIsNoticed) {
+    const auto peer = Serve(QuickUntil("slow", [](PeerConnection&) {}));
+    const Channel channel = ChannelTo(*peer);
+    ExchangeMany(channel);
+    EXPECT_EQ(
+        Coded("108. \nThe connection to " + peer->Name() +
+              " was lost before the response came whole: closed by the other side" + kMayHaveRun),
+        channel.Failure("slow"));
 }
 
 TEST_P(NetworkClientTest, WithoutAReplyDeadlineALateResponseIsTaken) {
