@@ -118,6 +118,7 @@ void TelemetryLog::CloseIfReplaced() {
 }
 
 void TelemetryLog::Open() {
+    if (!streamBuffer_) streamBuffer_ = std::make_unique_for_overwrite<char[]>(kStreamBufferSize);
     spdlog::file_event_handlers handlers;
     handlers.before_open = PrepareFile;
     handlers.after_open = [this](const std::string& file, std::FILE* stream) {
@@ -129,7 +130,7 @@ void TelemetryLog::Open() {
 }
 
 void TelemetryLog::OnOpened(const std::string& file, std::FILE* stream) {
-    std::setvbuf(stream, streamBuffer_.data(), _IOFBF, streamBuffer_.size());
+    std::setvbuf(stream, streamBuffer_.get(), _IOFBF, kStreamBufferSize);
     struct stat status {};
     if (::fstat(::fileno(stream), &status) != 0) return;
     openDevice_ = status.st_dev;

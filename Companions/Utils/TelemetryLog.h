@@ -9,7 +9,6 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/types.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
@@ -50,7 +49,7 @@ class TelemetryLog {
     unsigned long lostEvents_ = 0;
     dev_t openDevice_ = 0;
     ino_t openInode_ = 0;
-    std::array<char, kStreamBufferSize> streamBuffer_{};  // must outlive the sink's stream
+    std::unique_ptr<char[]> streamBuffer_;  // must outlive the sink's stream
     std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
 };
 
