@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <iostream>
 #include <memory>
 
+#include "Native/Console/Console.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Native/QuorvalenNativeException/QuorvalenNativeException.h"
 #include "Native/RuntimeNameHandler/RuntimeNameHandler.h"
@@ -38,7 +38,7 @@ bool FileExists(const std::string& path) {
 
 void* ReportLoadFailure(const std::string& message, bool throwOnError, bool printError) {
     if (throwOnError) throw QuorvalenNativeException(message, Messages::kUnknownRuntime);
-    if (printError) std::cerr << message + "\n" << std::flush;
+    if (printError) Console::WriteErrorLine(message);
     return nullptr;
 }
 

@@ -4,14 +4,15 @@
 #include <chrono>
 #include <ctime>
 #include <iomanip>
-#include <iostream>
 #include <thread>
 
 #include "Native/AppInsightLogger/AppInsightLogger.h"
 #include "Native/ConfigHandler/ConfigHandler.h"
+#include "Native/Console/Console.h"
 
 using Quorvalen::Native::AppInsightLogger::AppInsightLogger;
 using Quorvalen::Native::ConfigHandler::ConfigHandler;
+namespace Console = Quorvalen::Native::Console;
 
 namespace {
 
@@ -75,7 +76,7 @@ void QuorvalenNativeException::FormatTime() {
 
 // One write for the whole entry, so that lines of threads that fail at once stay readable.
 void QuorvalenNativeException::WriteToStandardError(const std::string& entry) {
-    std::cerr << entry + supportLine + "\n" << std::flush;
+    Console::WriteErrorLine(entry + supportLine);
 }
 
 void QuorvalenNativeException::AppendToLogFile(const std::string& entry) {

@@ -1,10 +1,10 @@
 #include "Native/Receiver/NativeReceiver.h"
 
-#include <iostream>
 #include <utility>
 
 #include "Native/AppInsightLogger/AppInsightLogger.h"
 #include "Native/ConfigHandler/ConfigHandler.h"
+#include "Native/Console/Console.h"
 #include "Native/Definitions/CommandHeader.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Native/QuorvalenNativeException/QuorvalenNativeException.h"
@@ -71,7 +71,7 @@ void NativeReceiver::ReportInitialization() {
 void NativeReceiver::ShowRuntimeInfoOnce() {
     const int level = ConfigHandler::GetLoggingLevel();
     if (runtimeInfoShown || level == 0) return;
-    std::cout << launcher->GetRuntimeInfo() << std::endl;
+    Console::WriteLine(launcher->GetRuntimeInfo());
     runtimeInfoShown = true;
 }
 

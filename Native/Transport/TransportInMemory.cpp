@@ -3,9 +3,9 @@
 #include <dlfcn.h>
 
 #include <array>
-#include <iostream>
 #include <utility>
 
+#include "Native/Console/Console.h"
 #include "Native/Definitions/CommandHeader.h"
 #include "Native/Definitions/Runtime.h"
 #include "Native/Definitions/SymbolLookup.h"
@@ -170,13 +170,13 @@ void TransportInMemory::CreateTransmitter(const Side& side) {
 }
 
 void TransportInMemory::SendHeartBeatToCalledRuntime() {
-    std::cout << "SendHeartBeatToCalledRuntime" << std::endl;
+    Console::WriteLine("SendHeartBeatToCalledRuntime");
     SendHeartBeat(calledRuntime, callingRuntime, passThroughByte);
 }
 
 // By design: only the heartbeat towards the called runtime carries the pass-through byte.
 void TransportInMemory::SendHeartBeatToCallingRuntime() {
-    std::cout << "SendHeartBeatToCallingRuntime" << std::endl;
+    Console::WriteLine("SendHeartBeatToCallingRuntime");
     SendHeartBeat(callingRuntime, calledRuntime, 0);
 }
 

@@ -97,6 +97,8 @@ TEST(SourceRulesTest, ExceptionsAreCaughtWhereAnErrorEndsOrChangesOnly) {
 
 TEST(SourceRulesTest, TheConsoleIsWrittenToWhereTheInterfaceHasALineOnly) {
     EXPECT_EQ(Lines({
+                  "Native/Console/Console.cpp",
+                  "Native/Console/Console.h",
                   "Native/LibrariesFinder/LibrariesFinder.cpp",
                   "Native/QuorvalenNativeException/QuorvalenNativeException.cpp",
                   "Native/Receiver/NativeReceiver.cpp",
@@ -104,7 +106,14 @@ TEST(SourceRulesTest, TheConsoleIsWrittenToWhereTheInterfaceHasALineOnly) {
                   "Runtimes/Python/Native/PythonLauncher.cpp",
                   "Runtimes/Python/Native/PythonLauncherSearch.cpp",
               }),
-              Lines(FilesWith("std::c(out|err)\\b|\\bprintf\\(|\\bputs\\(")));
+              Lines(FilesWith("\\bWrite(Error)?Line\\(")));
+}
+
+// They cost every start of a process that does without them.
+TEST(SourceRulesTest, TheStandardStreamsStayUnprepared) {
+    EXPECT_EQ("", Lines(LinesWith("<iostream>|std::(cout|cerr|clog|cin)\\b")));
+    EXPECT_EQ(Lines({"Native/Console/Console.cpp"}),
+              Lines(FilesWith("\\bstd(out|err)\\b|\\bf?printf\\(|\\bf?puts\\(")));
 }
 
 // An inline variable is unique in the process, even between libraries that keep to themselves.

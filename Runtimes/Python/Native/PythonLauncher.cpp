@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <iostream>
 #include <utility>
 
+#include "Native/Console/Console.h"
 #include "Native/LibrariesFinder/LibrariesFinder.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Runtimes/Python/Native/InterpreterLock.h"
@@ -14,6 +14,7 @@
 
 using Quorvalen::Native::Definitions::RuntimeOperationMode;
 using Quorvalen::Native::LibrariesFinder::LibrariesFinder;
+namespace Console = Quorvalen::Native::Console;
 namespace Messages = Quorvalen::Native::Messages;
 
 namespace {
@@ -36,9 +37,8 @@ void RequireReceiverFile(const std::string& pythonDirectory) {
 void ReportLifetime(const std::string& value) {
     static std::atomic_flag reported;
     if (reported.test_and_set()) return;
-    std::cerr << "QUORVALEN_PYTHON_LIFETIME is \"" + value +
-                     "\" and ignored: the only value is \"" + kLifetimeOfProcess + "\"\n"
-              << std::flush;
+    Console::WriteErrorLine("QUORVALEN_PYTHON_LIFETIME is \"" + value +
+                            "\" and ignored: the only value is \"" + kLifetimeOfProcess + "\"");
 }
 
 std::uint64_t NextLauncherNumber() {

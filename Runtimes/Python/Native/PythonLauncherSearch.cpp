@@ -4,14 +4,15 @@
 
 #include <array>
 #include <cstdlib>
-#include <iostream>
 #include <utility>
 
 #include "Native/ConfigHandler/ConfigHandler.h"
+#include "Native/Console/Console.h"
 #include "Native/QuorvalenNativeException/Messages.h"
 #include "Runtimes/Python/Native/PythonLauncher.h"
 
 using Quorvalen::Native::ConfigHandler::ConfigHandler;
+namespace Console = Quorvalen::Native::Console;
 namespace Messages = Quorvalen::Native::Messages;
 
 namespace {
@@ -27,10 +28,6 @@ constexpr std::array<const char*, 10> kLibraryNames = {
 
 constexpr unsigned kOldestVersion = 1;
 constexpr unsigned kNewestVersion = 9;
-
-void Print(const std::string& line) {
-    std::cout << line << std::endl;
-}
 
 }  // namespace
 
@@ -82,16 +79,17 @@ bool PythonLauncher::FindInConfiguration() {
     EmptyPathOnFailure([&] {
         SetLibraryPath(ConfigHandler::GetChannelRuntimePath("python", "default"));
         if (pythonLibraryPath.empty()) return;
-        Print("Looking for Python runtime in " + ConfigHandler::GetConfigSource() + ": " +
-              pythonLibraryPath);
+        Console::WriteLine("Looking for Python runtime in " + ConfigHandler::GetConfigSource() +
+                           ": " + pythonLibraryPath);
         if (loadSharedLibraryInstance()) {
-            Print("Python runtime not found in path: " + pythonLibraryPath +
-                  ".\n Set runtimePath in " + ConfigHandler::GetConfigSource() +
-                  " config file to libpython*.so file from Python installation directory.");
+            Console::WriteLine(
+                "Python runtime not found in path: " + pythonLibraryPath +
+                ".\n Set runtimePath in " + ConfigHandler::GetConfigSource() +
+                " config file to libpython*.so file from Python installation directory.");
             return;
         }
-        Print("Python runtime found in " + ConfigHandler::GetConfigSource() + ": " +
-              pythonLibraryPath);
+        Console::WriteLine("Python runtime found in " + ConfigHandler::GetConfigSource() + ": " +
+                           pythonLibraryPath);
         // By design: an exception of the last message sends the search on too.
         found = true;
     });
@@ -102,20 +100,22 @@ bool PythonLauncher::FindInEnvironmentPath() {
     EmptyPathOnFailure([&] {
         const char* value = std::getenv(kPathVariable);
         if (value == nullptr) return;
-        Print("Looking for Python runtime in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
-              std::string(value));
+        Console::WriteLine(
+            "Looking for Python runtime in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
+            std::string(value));
         SetLibraryPath(value);
     });
     if (pythonLibraryPath.empty()) return false;
     if (loadSharedLibraryInstance()) {
-        Print(
+        Console::WriteLine(
             "Python runtime not found in path: " + pythonLibraryPath +
             ".\n Set QUORVALEN_PYTHON_RUNTIME_PATH to libpython*.so file from Python installation "
             "directory.");
         return false;
     }
-    Print("Python runtime found in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
-          pythonLibraryPath);
+    Console::WriteLine(
+        "Python runtime found in QUORVALEN_PYTHON_RUNTIME_PATH environment variable: " +
+        pythonLibraryPath);
     return true;
 }
 
@@ -123,19 +123,21 @@ bool PythonLauncher::FindInEnvironmentVersion() {
     EmptyPathOnFailure([&] {
         const char* value = std::getenv(kVersionVariable);
         if (value == nullptr) return;
-        Print("Looking for Python runtime in QUORVALEN_PYTHON_VERSION environment variable: " +
-              std::string(value));
+        Console::WriteLine(
+            "Looking for Python runtime in QUORVALEN_PYTHON_VERSION environment variable: " +
+            std::string(value));
         SetLibraryPath("libpython" + std::string(value) + ".so");
     });
     if (pythonLibraryPath.empty()) return false;
     if (loadSharedLibraryInstance()) {
-        Print("Python runtime " + pythonLibraryPath +
-              " not found. Set QUORVALEN_PYTHON_VERSION as f. e. 3.13, and make sure it is "
-              "installed on your machine");
+        Console::WriteLine(
+            "Python runtime " + pythonLibraryPath +
+            " not found. Set QUORVALEN_PYTHON_VERSION as f. e. 3.13, and make sure it is "
+            "installed on your machine");
         return false;
     }
-    Print("Python runtime " + pythonLibraryPath +
-          " found in QUORVALEN_PYTHON_VERSION environment variable.");
+    Console::WriteLine("Python runtime " + pythonLibraryPath +
+                       " found in QUORVALEN_PYTHON_VERSION environment variable.");
     return true;
 }
 
