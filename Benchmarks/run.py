@@ -326,7 +326,7 @@ def main():
             runner.with_python(python)
         runner.instructions(options.instructions, found[-1])
     if not any(python.minor in PYBIND_GOAL_MINORS for python in measured):
-        runner.leave_out("pybind11/other:1/64", "no Python that the goal against pybind11 is for")
+        runner.leave_out("pybind11/other/64", "no Python that the goal against pybind11 is for")
     context = {
         "date": time.strftime("%Y-%m-%d"), "machine": processor(), "system": platform.release(),
         "effort": "%s, %d repetitions" % (options.effort, effort.processes * effort.repetitions),
