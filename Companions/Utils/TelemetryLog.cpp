@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <pthread.h>
 #include <spdlog/details/log_msg.h>
+#include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

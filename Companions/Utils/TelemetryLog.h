@@ -6,7 +6,7 @@
 #ifndef QUORVALEN_COMPANIONS_TELEMETRYLOG_H
 #define QUORVALEN_COMPANIONS_TELEMETRYLOG_H
 
-#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/fwd.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -50,7 +50,7 @@ class TelemetryLog {
     dev_t openDevice_ = 0;
     ino_t openInode_ = 0;
     std::unique_ptr<char[]> streamBuffer_;  // must outlive the sink's stream
-    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
+    std::unique_ptr<spdlog::sinks::sink> sink_;
 };
 
 }  // namespace Quorvalen::Companions
