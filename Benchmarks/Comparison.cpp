@@ -54,7 +54,8 @@ void Measure(benchmark::State& state, Comparison& comparison, double secondsOfAT
 
 }  // namespace
 
-void Compare(const std::string& name, std::vector<Contender> contenders, double secondsOfATurn) {
+void Compare(const std::string& name, std::vector<Contender> contenders, double secondsOfATurn,
+             int repetitions) {
     const auto comparison = std::make_shared<Comparison>();
     for (Contender& contender : contenders) comparison->push_back({std::move(contender)});
     const auto measure = [comparison, secondsOfATurn](benchmark::State& state) {
@@ -64,7 +65,8 @@ void Compare(const std::string& name, std::vector<Contender> contenders, double 
             state.SkipWithError(error.what());
         }
     };
-    benchmark::RegisterBenchmark(name.c_str(), measure)->UseManualTime();
+    auto* registered = benchmark::RegisterBenchmark(name.c_str(), measure)->UseManualTime();
+    if (repetitions > 0) registered->Repetitions(repetitions);
 }
 
 }  // namespace Benchmarks

@@ -18,8 +18,8 @@ struct Contender {
 
 // Registers a Google benchmark. It reports the nanoseconds of one piece of work as one counter for
 // each contender, by the name of its figure. A turn lasts about so many seconds, and at least one
-// piece of work.
+// piece of work. `repetitions`: as many as the program is told when 0.
 void Compare(const std::string& name, std::vector<Contender> contenders,
-             double secondsOfATurn = 0.001);
+             double secondsOfATurn = 0.001, int repetitions = 0);
 
 }  // namespace Benchmarks

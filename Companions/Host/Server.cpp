@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds kSweepInterval(100);
 
 Server::Server(const Settings& chosen)
     : settings(chosen),
-      context(1),
+      context(2),
       signals(context),
       sweepTimer(context),
       drainTimer(context),
@@ -84,7 +84,9 @@ void Server::RunThreads() {
     for (std::size_t i = 0; i < settings.threads + 1; ++i) {
         threads.emplace_back([this] { events.Run(); });
     }
+    std::thread second([this] { context.run(); });
     context.run();
+    second.join();
     events.Stop();
     for (std::thread& thread : threads) thread.join();
 }

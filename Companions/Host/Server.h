@@ -41,7 +41,8 @@ class Server {
 
     const Settings& settings;
     std::optional<TlsContext> tls;
-    // Of the main thread: listeners, timers, signals.
+    // Listeners, timers, signals. Two threads run it: one may be kept by Python's last output, and
+    // the time for that and a second signal must not be missed.
     asio::io_context context;
     SocketEvents events;
     asio::signal_set signals;

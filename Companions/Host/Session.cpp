@@ -77,8 +77,8 @@ bool Session<Stream>::Advance() {
         if (!goesOn) return false;
         if (hasCommand && phase == Phase::Receiving) return true;
     }
-    // It can be written at any time, unless the client reads nothing.
-    Wait(Event::Write);
+    // A client that sends lets it be read, and one that receives lets it be written.
+    Wait(Event::Any);
     return false;
 }
 

@@ -30,7 +30,11 @@ class SocketUser {
 
 class SocketEvents {
   public:
-    enum class Event : std::uint32_t { Read = EPOLLIN, Write = EPOLLOUT };
+    enum class Event : std::uint32_t {
+        Read = EPOLLIN,
+        Write = EPOLLOUT,
+        Any = EPOLLIN | EPOLLOUT,
+    };
 
     // Throws std::system_error.
     SocketEvents();

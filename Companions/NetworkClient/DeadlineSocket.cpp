@@ -8,9 +8,9 @@ namespace Quorvalen::Companions::Network {
 
 // Whoever else wants the processor has it in between: the host itself may be among them.
 bool LooksReadable(int descriptor) {
-    constexpr Clock::duration kMoment = std::chrono::microseconds(50);
     pollfd looked{descriptor, POLLIN, 0};
-    for (const Clock::time_point end = Clock::now() + kMoment; Clock::now() < end; sched_yield()) {
+    for (const Clock::time_point end = Clock::now() + AnswerTimes::kShort; Clock::now() < end;
+         sched_yield()) {
         if (poll(&looked, 1, 0) > 0) return true;
     }
     return false;

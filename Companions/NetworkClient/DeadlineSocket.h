@@ -21,11 +21,13 @@ namespace Quorvalen::Companions::Network {
 // processor that slept takes longer to wake than such an answer takes.
 class AnswerTimes {
   public:
+    // Also how long an answer is looked for.
+    static constexpr Clock::duration kShort = std::chrono::microseconds(100);
+
     bool AreShort() const { return shortOnes >= kShortOnesWanted; }
     void Note(Clock::duration time) { shortOnes = time < kShort ? shortOnes + 1 : 0; }
 
   private:
-    static constexpr Clock::duration kShort = std::chrono::microseconds(100);
     // So many in a row: where others want the processor as well, looking for an answer may cost a
     // millisecond, and that must not happen often.
     static constexpr std::size_t kShortOnesWanted = 256;

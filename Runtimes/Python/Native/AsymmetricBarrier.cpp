@@ -20,7 +20,7 @@ bool IsOffered() {
 const bool AsymmetricBarrier::heavyOneIsEnough = IsOffered();
 
 // The faster kinds of the call need a registration, which would make every start wait instead.
-void AsymmetricBarrier::Heavy() {
+bool AsymmetricBarrier::Heavy() {
     _mm_mfence();
-    if (heavyOneIsEnough) MemoryBarrierCall(MEMBARRIER_CMD_GLOBAL);
+    return !heavyOneIsEnough || MemoryBarrierCall(MEMBARRIER_CMD_GLOBAL) == 0;
 }

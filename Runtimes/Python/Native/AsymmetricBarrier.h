@@ -18,8 +18,9 @@ class AsymmetricBarrier {
         }
     }
 
-    // Takes as long as it takes every processor to change threads: milliseconds.
-    static void Heavy();
+    // Takes as long as it takes every processor to change threads: milliseconds. False when the
+    // system refused it, as a process may ask it to at any time; then nothing is sure.
+    static bool Heavy();
 
   private:
     // False where the system does not offer the call that the heavy one makes.

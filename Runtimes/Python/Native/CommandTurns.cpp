@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 
@@ -12,16 +14,23 @@ namespace {
 
 using std::chrono::microseconds;
 
-// A command that runs for longer may be sleeping; nobody waits for it.
+// Whoever waits for a turn to end is woken then, and no later than this.
 constexpr microseconds kMoment{100};
 
-// A thread's row of commands, while others wait.
-constexpr microseconds kTurn{400};
+// A thread's row of commands, while others wait. All that wait together claim as often as one alone
+// would, but none waits for more rows than these.
+constexpr microseconds kTurn{500};
+constexpr int kMostTurnsToWait = 16;
 
-constexpr int kHurriedAfterALongCommand = 64;
+// After a command that took its time so many others do not wait.
+constexpr int kHurried = 64;
 
-// A thread that sends command after command is back sooner than after so many looks, a microsecond.
+// Looks are some tens of nanoseconds apart. A thread that sends command after command is back
+// sooner than after the first number of them, a microsecond. It has begun a row of turns since
+// somebody began to wait for it, or does so during the second number.
 constexpr int kLooksForReturn = 50;
+constexpr int kLooksForRow = 250;
+constexpr std::uint32_t kTurnsOfARow = 8;
 
 // A claimant's looks are some hundred nanoseconds apart, and it gives up after so many.
 constexpr int kPausesOfALook = 20;
@@ -31,11 +40,24 @@ timespec TimeOf(microseconds time) {
     return {time.count() / 1'000'000, time.count() % 1'000'000 * 1000};
 }
 
+// Counts the calling thread, also when it is cancelled.
+class Counted {
+  public:
+    explicit Counted(std::atomic<int>& counter) : count(counter) { ++count; }
+    ~Counted() { --count; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+  private:
+    std::atomic<int>& count;
+};
+
 }  // namespace
 
 constinit std::atomic<std::uint32_t> CommandTurns::latest{0};
 constinit std::atomic<bool> CommandTurns::claimed{false};
-constinit std::atomic<std::uint32_t> CommandTurns::somebodySleeps{0};
+constinit std::atomic<int> CommandTurns::sleeping{0};
+constinit std::atomic<std::uint32_t> CommandTurns::ends{0};
 constinit std::atomic<int> CommandTurns::waiting{0};
 constinit std::atomic<int> CommandTurns::hurried{0};
 
@@ -46,40 +68,59 @@ std::uint32_t CommandTurns::TakeLater(const PythonFunctions& python) {
         return kNone;
     }
     if (python.PyGILState_Check_Fn() > 0) return kNone;
-    waiting.fetch_add(1, std::memory_order_relaxed);
-    const std::uint32_t number = Wait();
-    waiting.fetch_sub(1, std::memory_order_relaxed);
-    return number;
-}
-
-std::uint32_t CommandTurns::Wait() {
-    const std::uint32_t seen = latest.load(std::memory_order_relaxed);
+    const Counted counted(waiting);
+    const std::uint32_t arrival = latest.load(std::memory_order_relaxed);
     SleepUntilTurnIsOver();
-    if (const std::uint32_t number = TakeIfNobodyComesBack(); number != kNone) return number;
-    const std::uint32_t now = latest.load(std::memory_order_relaxed);
-    if (IsTaken(now) && now == seen) {
-        hurried.store(kHurriedAfterALongCommand, std::memory_order_relaxed);
-        return kNone;
+    switch (WatchTurns(arrival)) {
+        case Watched::NobodyComesBack:
+            return Claim();
+        case Watched::LongCommand:
+            hurried.store(kHurried, std::memory_order_relaxed);
+            return kNone;
+        case Watched::RowOfCommands:
+            break;
     }
-    // All that wait together claim as often as one alone would.
-    const timespec turns = TimeOf(kTurn * waiting.load(std::memory_order_relaxed));
-    nanosleep(&turns, nullptr);
+    const timespec rows = TimeOf(kTurn * std::min(waiting.load(), kMostTurnsToWait));
+    nanosleep(&rows, nullptr);
     return Claim();
 }
 
 // Its thread may have begun the next one by the time of the return.
 void CommandTurns::SleepUntilTurnIsOver() {
     const timespec moment = TimeOf(kMoment);
-    somebodySleeps.store(1, std::memory_order_relaxed);
-    syscall(SYS_futex, &somebodySleeps, FUTEX_WAIT_PRIVATE, 1, &moment, nullptr, 0);
+    const std::uint32_t seen = ends.load();
+    ++sleeping;
+    const long result = syscall(SYS_futex, &ends, FUTEX_WAIT_PRIVATE, seen, &moment, nullptr, 0);
+    const bool wasWoken = result == 0 || errno == EAGAIN;
+    if (!wasWoken) CountSleeperOut();
 }
 
-std::uint32_t CommandTurns::TakeIfNobodyComesBack() {
-    for (int look = 0; look < kLooksForReturn; ++look) {
-        if (IsTaken(latest.load(std::memory_order_relaxed))) return kNone;
+// Whoever is woken is no sleeper any more, however long it takes to come to: the next turns must
+// not wake again. False when there is none.
+bool CommandTurns::CountSleeperOut() {
+    for (int count = sleeping.load(); count > 0;) {
+        if (sleeping.compare_exchange_weak(count, count - 1)) return true;
+    }
+    return false;
+}
+
+// One at a time: each wakes the next at the end of its own turn.
+void CommandTurns::WakeSleeper() {
+    if (!CountSleeperOut()) return;
+    ends.fetch_add(1);
+    syscall(SYS_futex, &ends, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+CommandTurns::Watched CommandTurns::WatchTurns(std::uint32_t arrival) {
+    int looksAtNobody = 0;
+    for (int look = 0; look < kLooksForRow; ++look) {
+        const std::uint32_t now = latest.load(std::memory_order_relaxed);
+        looksAtNobody = IsTaken(now) ? 0 : looksAtNobody + 1;
+        if (looksAtNobody == kLooksForReturn) return Watched::NobodyComesBack;
+        if (IsTaken(now) && (now - arrival) / 2 >= kTurnsOfARow) return Watched::RowOfCommands;
         _mm_pause();
     }
-    return Claim();
+    return Watched::LongCommand;
 }
 
 // Whoever comes back sees the claim and waits. Who has not seen it has taken the next turn by the
@@ -97,15 +138,10 @@ std::uint32_t CommandTurns::Claim() {
     return number;
 }
 
-void CommandTurns::WakeSleeper() {
-    somebodySleeps.store(0, std::memory_order_relaxed);
-    syscall(SYS_futex, &somebodySleeps, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-}
-
 void CommandTurns::ForgetAll() {
     latest.store(0);
     claimed.store(false);
-    somebodySleeps.store(0);
+    sleeping.store(0);
     waiting.store(0);
     hurried.store(0);
 }

@@ -1,4 +1,4 @@
-// Lets threads that send one command after the other take turns of some hundred microseconds, while
+// Lets threads that send one command after the other take turns of about half a millisecond, while
 // the interpreter lives as long as the process. Without turns all of them wait for the interpreter
 // lock, and whoever gives it up after a command of some hundred nanoseconds pays for waking one
 // that comes too late to get it.
@@ -50,22 +50,26 @@ class CommandTurns {
     }
     static void Leave(std::uint32_t number) {
         latest.store(number + 1, std::memory_order_relaxed);
-        if (somebodySleeps.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        if (sleeping.load(std::memory_order_relaxed) > 0) [[unlikely]]
             WakeSleeper();
     }
 
+    enum class Watched { NobodyComesBack, RowOfCommands, LongCommand };
+
     [[gnu::noinline]] static std::uint32_t TakeLater(const PythonFunctions& python);
     [[gnu::noinline]] static void WakeSleeper();
-    static std::uint32_t Wait();
     static void SleepUntilTurnIsOver();
-    static std::uint32_t TakeIfNobodyComesBack();
+    static bool CountSleeperOut();
+    static Watched WatchTurns(std::uint32_t arrival);
     static std::uint32_t Claim();
 
     static constinit std::atomic<std::uint32_t> latest;
     // Somebody is about to take the next turn: whoever comes back from their own waits.
     static constinit std::atomic<bool> claimed;
-    // Until the end of a turn; it is what they sleep on.
-    static constinit std::atomic<std::uint32_t> somebodySleeps;
+    // Threads that sleep until the end of a turn, and what they sleep on.
+    static constinit std::atomic<int> sleeping;
+    static constinit std::atomic<std::uint32_t> ends;
+    // Those and the ones that sleep through rows of commands.
     static constinit std::atomic<int> waiting;
     // So many commands more will not wait, because one that was waited for took its time.
     static constinit std::atomic<int> hurried;

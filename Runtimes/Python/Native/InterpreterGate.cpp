@@ -1,8 +1,13 @@
 #include "Runtimes/Python/Native/InterpreterGate.h"
 
+#include "Runtimes/Python/Native/ThreadNumber.h"
+
+constinit std::atomic<bool> InterpreterGate::shut{false};
+constinit std::atomic<std::uint64_t> InterpreterGate::restartingThread{kNoThread};
+
 // The caller has been counted already.
 void InterpreterGate::EnterShut(ThreadRecord& thread) {
-    if (restartingThread.load() == std::this_thread::get_id()) return;
+    if (restartingThread.load() == ThisThreadsNumber()) return;
     Leave(thread);
     shut.wait(true);
     Enter(thread);
@@ -13,17 +18,16 @@ void InterpreterGate::EnterShut(ThreadRecord& thread) {
 bool InterpreterGate::TryShut() {
     if (ThreadRecord::AllCallsInside() > 1) return false;  // spares the others the barrier
     if (shut.exchange(true)) return false;
-    AsymmetricBarrier::Heavy();
-    if (ThreadRecord::AllCallsInside() > 1) {
+    if (!AsymmetricBarrier::Heavy() || ThreadRecord::AllCallsInside() > 1) {
         Open();
         return false;
     }
-    restartingThread.store(std::this_thread::get_id());
+    restartingThread.store(ThisThreadsNumber());
     return true;
 }
 
 void InterpreterGate::Open() {
-    restartingThread.store(std::thread::id());
+    restartingThread.store(kNoThread);
     shut.store(false);
     shut.notify_all();
 }

@@ -1,12 +1,12 @@
 // Knows which calls are inside the interpreter and lets one of them, when it is the only one, shut
 // the gate to restart the interpreter. Calls that arrive meanwhile wait; the restarting thread
-// itself passes freely. One gate per launcher; any thread. Every thread counts its own calls, those
-// of all launchers together because they share the interpreter, so that passing an open gate takes
-// no locked instruction; shutting it takes milliseconds.
+// itself passes freely. All gates are one, because all launchers share the interpreter; any thread.
+// Every thread counts its own calls, so that passing an open gate takes no locked instruction;
+// shutting it takes milliseconds.
 #pragma once
 
 #include <atomic>
-#include <thread>
+#include <cstdint>
 
 #include "Runtimes/Python/Native/AsymmetricBarrier.h"
 #include "Runtimes/Python/Native/ThreadRecord.h"
@@ -57,6 +57,6 @@ class InterpreterGate {
     bool TryShut();
     void Open();
 
-    std::atomic<bool> shut{false};
-    std::atomic<std::thread::id> restartingThread{};
+    static constinit std::atomic<bool> shut;
+    static constinit std::atomic<std::uint64_t> restartingThread;
 };

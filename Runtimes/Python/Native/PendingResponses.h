@@ -46,7 +46,10 @@ class PendingResponses {
         Entry& entry = EntryOf(owner.launcher);
         if (entry.isPending) return NewStorage(size);
         Response left = std::exchange(entry.response, {});
-        if (left.capacity < size || !IsUsedBy(left.capacity, size)) return NewStorage(size);
+        if (left.capacity < size || !IsUsedBy(left.capacity, size)) [[unlikely]] {
+            left = {};
+            return NewStorage(size);
+        }
         left.size = size;
         return left;
     }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <climits>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "Runtimes/Python/Native/CommandTurns.h"
@@ -40,10 +41,9 @@ constinit std::atomic<ThreadRecord*> ThreadRecord::ended{nullptr};
 // The function of a key runs at a thread's end, after the destructors of its variables, but not
 // while the process exits.
 struct ThreadEnd {
-    static const ThreadEnd& Get() {
-        static const ThreadEnd* const made = new ThreadEnd;
-        return *made;
-    }
+    // Made while the library is loaded: a child forked during a first use by another thread would
+    // wait for it for ever.
+    static const ThreadEnd& instance;
 
     bool WillBeNoticed(ThreadRecord* record) const {
         return keyExists && forksAreNoticed && pthread_setspecific(key, record) == 0;
@@ -54,7 +54,7 @@ struct ThreadEnd {
     static void Notice(void* ending) {
         auto* record = static_cast<ThreadRecord*>(ending);
         --record->endRounds;
-        if (record->endRounds > 0 && Get().WillBeNoticed(record)) return;
+        if (record->endRounds > 0 && instance.WillBeNoticed(record)) return;
         ThreadRecord::current = nullptr;
         threadHasEnded = true;
         Retire(record);
@@ -76,30 +76,29 @@ struct ThreadEnd {
                                               std::memory_order_relaxed));
     }
 
-    // The child must not find the list half changed, nor its lock held by a thread it does not
-    // have.
-    static void BeforeFork() { livingLock.lock(); }
-    static void AfterFork() { livingLock.unlock(); }
-
     // A forked child has no other thread than the forking one, and Python has freed their states
-    // there. Their records stay behind.
+    // there. Their records stay behind. Another thread may have been at the list: it and its lock
+    // are made anew, rather than locked before the fork, where handlers of the host's may be
+    // waiting for threads that wait for the lock.
     static void ForgetInChild() {
+        new (&livingLock) std::mutex;
         living = ThreadRecord::current;
         if (living != nullptr) living->previousLiving = living->nextLiving = nullptr;
-        AfterFork();
         ThreadRecord::ended.store(nullptr, std::memory_order_relaxed);
         CommandTurns::ForgetAll();
     }
 
     pthread_key_t key = 0;
     const bool keyExists = pthread_key_create(&key, Notice) == 0;
-    const bool forksAreNoticed = pthread_atfork(BeforeFork, AfterFork, ForgetInChild) == 0;
+    const bool forksAreNoticed = pthread_atfork(nullptr, nullptr, ForgetInChild) == 0;
 };
+
+const ThreadEnd& ThreadEnd::instance = *new ThreadEnd;
 
 ThreadRecord& ThreadRecord::MakeCurrent() {
     current = new ThreadRecord;
     AddToLiving(current);
-    const bool noticed = !threadHasEnded && ThreadEnd::Get().WillBeNoticed(current);
+    const bool noticed = !threadHasEnded && ThreadEnd::instance.WillBeNoticed(current);
     // One less than there are: a thread may send its first command in the first of them.
     current->endRounds = noticed ? PTHREAD_DESTRUCTOR_ITERATIONS - 1 : 0;
     return *current;
