@@ -32,6 +32,20 @@ class HostPythonTest : public testing::Test {
         started->Signal(SIGTERM);
         return started->Wait();
     }
+    // A thread of Python's own takes the interpreter lock into a C function and keeps it.
+    void HoldInterpreterLockForEver(HostProcess& host) {
+        const std::string file = directory.File("held");
+        const std::string code =
+            "import ctypes, threading, time\\ndef hold():\\n    time.sleep(0.2)\\n"
+            "    sleep = ctypes.PyDLL(None).sleep\\n    open('" +
+            file + "', 'w').close()\\n    sleep(3600)\\n" +
+            "threading.Thread(target=hold, daemon=True).start()";
+        TcpClient client(host.TcpPort());
+        EXPECT_EQ(Value(R"({"value":null})"),
+                  client.Ask(CallOf("builtins.exec", '"' + code + "\",{}")));
+        WaitUntil([&] { return std::filesystem::exists(file); }, "the thread did not begin");
+        ShortPause();
+    }
     TemporaryDirectory directory;
 
   private:
@@ -151,6 +165,25 @@ TEST_F(HostPythonTest, ABridgeThatFindsNoPythonIsTold) {
         "quorvalen-host: Python Launcher: Exception code 003. \nCannot load functions from "
         "shared library. Reinstall Quorvalen package\n",
         host.Errors());
+}
+
+// --- An end while Python cannot be asked for its last output
+// --------------------------------------
+
+TEST_F(HostPythonTest, TheDrainTimeoutHoldsForTheLastOutputToo) {
+    HostProcess& host = Host({"--drain-timeout", "1"});
+    HoldInterpreterLockForEver(host);
+    EXPECT_EQ(1, Stop());
+    host.WaitForLog("not finished within 1 s (--drain-timeout): 0 commands are lost");
+}
+
+TEST_F(HostPythonTest, ASecondSignalEndsItDuringTheLastOutputToo) {
+    HostProcess& host = Host();
+    HoldInterpreterLockForEver(host);
+    host.Signal(SIGTERM);
+    host.WaitForLog("finishing 0 commands");
+    EXPECT_EQ(1, Stop());
+    host.WaitForLog("while finishing: stopped at once");
 }
 
 }  // namespace

@@ -67,6 +67,21 @@ TEST_F(HostServingTest, PipelinedCommandsAreAnsweredInOrder) {
     }
 }
 
+// Its first answer fills the socket's buffer, and it reads nothing until it has sent everything.
+TEST(HostServingAheadTest, AClientThatSendsMuchAheadIsNotWaitedFor) {
+    HostProcess host(WithEcho({"--port", "0", "--idle-timeout", "5"}));
+    TcpClient client(host.TcpPort());
+    const std::string first = Command(std::string(3'200'000, 'a'));
+    const std::string last = Command(std::string(30'000'000, 'b'));
+    constexpr int kHeartbeats = 60;
+    std::string frames = Framed(first);
+    for (int i = 0; i < kHeartbeats; ++i) frames += Framed(Heartbeat(""));
+    ASSERT_TRUE(client.Send(frames + Framed(last)));
+    EXPECT_TRUE(first == client.Receive());
+    for (int i = 0; i < kHeartbeats; ++i) EXPECT_EQ(HeartbeatAnswer(""), client.Receive());
+    EXPECT_TRUE(last == client.Receive());
+}
+
 TEST_F(HostServingTest, WhatCameBeforeTheClientFinishedIsAnswered) {
     client.Send(Framed(Command("1")) + Framed(Command("2")));
     client.FinishSending();
