@@ -103,8 +103,8 @@ void Listener::Wait() {
 
 void Listener::AcceptAll() {
     for (int i = 0; i < kAcceptsInARow; ++i) {
+        const std::lock_guard lock(stopping);
         if (isStopped) {
-            const std::lock_guard lock(stopping);
             asio::error_code ignored;
             acceptor.close(ignored);
             return;

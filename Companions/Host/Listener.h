@@ -59,7 +59,8 @@ class Listener {
     LogLimit refusals;
     LogLimit failures;
     std::atomic<bool> isStopped = false;
-    std::mutex stopping;  // the socket is not closed while Stop uses it
+    // The socket is not closed while Stop uses it, and whoever was let in before is being served.
+    std::mutex stopping;
 };
 
 }  // namespace Quorvalen::Companions::Network::Host

@@ -30,7 +30,7 @@ constexpr int kHurried = 64;
 // somebody began to wait for it, or does so during the second number.
 constexpr int kLooksForReturn = 50;
 constexpr int kLooksForRow = 250;
-constexpr std::uint32_t kTurnsOfARow = 8;
+constexpr std::int32_t kTurnsOfARow = 8;
 
 // A claimant's looks are some hundred nanoseconds apart, and it gives up after so many.
 constexpr int kPausesOfALook = 20;
@@ -56,6 +56,7 @@ class Counted {
 
 constinit std::atomic<std::uint32_t> CommandTurns::latest{0};
 constinit std::atomic<bool> CommandTurns::claimed{false};
+constinit std::atomic<std::uint32_t> CommandTurns::claims{0};
 constinit std::atomic<int> CommandTurns::sleeping{0};
 constinit std::atomic<std::uint32_t> CommandTurns::ends{0};
 constinit std::atomic<int> CommandTurns::waiting{0};
@@ -69,7 +70,7 @@ std::uint32_t CommandTurns::TakeLater(const PythonFunctions& python) {
     }
     if (python.PyGILState_Check_Fn() > 0) return kNone;
     const Counted counted(waiting);
-    const std::uint32_t arrival = latest.load(std::memory_order_relaxed);
+    const std::uint32_t arrival = TurnsInRows();
     SleepUntilTurnIsOver();
     switch (WatchTurns(arrival)) {
         case Watched::NobodyComesBack:
@@ -104,11 +105,18 @@ bool CommandTurns::CountSleeperOut() {
     return false;
 }
 
-// One at a time: each wakes the next at the end of its own turn.
+// One at a time: who gets a turn wakes the next at its end, and who gets none leaves the others to
+// wake by themselves.
 void CommandTurns::WakeSleeper() {
     if (!CountSleeperOut()) return;
     ends.fetch_add(1);
     syscall(SYS_futex, &ends, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+// Turns that nobody had to claim: a thread came back to them at once. Many threads with one command
+// each are no row.
+std::uint32_t CommandTurns::TurnsInRows() {
+    return latest.load(std::memory_order_relaxed) / 2 - claims.load(std::memory_order_relaxed);
 }
 
 CommandTurns::Watched CommandTurns::WatchTurns(std::uint32_t arrival) {
@@ -117,7 +125,8 @@ CommandTurns::Watched CommandTurns::WatchTurns(std::uint32_t arrival) {
         const std::uint32_t now = latest.load(std::memory_order_relaxed);
         looksAtNobody = IsTaken(now) ? 0 : looksAtNobody + 1;
         if (looksAtNobody == kLooksForReturn) return Watched::NobodyComesBack;
-        if (IsTaken(now) && (now - arrival) / 2 >= kTurnsOfARow) return Watched::RowOfCommands;
+        const auto turns = static_cast<std::int32_t>(TurnsInRows() - arrival);
+        if (IsTaken(now) && turns >= kTurnsOfARow) return Watched::RowOfCommands;
         _mm_pause();
     }
     return Watched::LongCommand;
@@ -133,7 +142,10 @@ std::uint32_t CommandTurns::Claim() {
         const std::uint32_t last = latest.load(std::memory_order_relaxed);
         if (!IsTaken(last)) number = last + 1;
     }
-    if (number != kNone) latest.store(number, std::memory_order_relaxed);
+    if (number != kNone) {
+        claims.fetch_add(1, std::memory_order_relaxed);
+        latest.store(number, std::memory_order_relaxed);
+    }
     claimed.store(false);
     return number;
 }
@@ -141,6 +153,7 @@ std::uint32_t CommandTurns::Claim() {
 void CommandTurns::ForgetAll() {
     latest.store(0);
     claimed.store(false);
+    claims.store(0);
     sleeping.store(0);
     waiting.store(0);
     hurried.store(0);

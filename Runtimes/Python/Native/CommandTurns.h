@@ -3,7 +3,7 @@
 // lock, and whoever gives it up after a command of some hundred nanoseconds pays for waking one
 // that comes too late to get it.
 //
-// A turn is advice, not a lock. Nobody waits longer than a moment for a command that takes its
+// A turn is advice, not a lock. Nobody waits longer than a moment for a command that is taking its
 // time: it may be sleeping, or waiting for the very command that waits for it. Two threads may have
 // a turn at once; the interpreter lock decides who runs, as ever. One for all launchers, because
 // they share the interpreter; any thread.
@@ -60,12 +60,14 @@ class CommandTurns {
     [[gnu::noinline]] static void WakeSleeper();
     static void SleepUntilTurnIsOver();
     static bool CountSleeperOut();
+    static std::uint32_t TurnsInRows();
     static Watched WatchTurns(std::uint32_t arrival);
     static std::uint32_t Claim();
 
     static constinit std::atomic<std::uint32_t> latest;
     // Somebody is about to take the next turn: whoever comes back from their own waits.
     static constinit std::atomic<bool> claimed;
+    static constinit std::atomic<std::uint32_t> claims;  // that were successful
     // Threads that sleep until the end of a turn, and what they sleep on.
     static constinit std::atomic<int> sleeping;
     static constinit std::atomic<std::uint32_t> ends;
