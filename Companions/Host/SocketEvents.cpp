@@ -30,6 +30,7 @@ void SocketEvents::Await(int socket, Event event, std::shared_ptr<SocketUser> us
     SocketUser* const awaiting = user.get();
     epoll_event wanted = {static_cast<std::uint32_t>(event) | EPOLLONESHOT, {awaiting}};
     awaiting->whileWaiting = std::move(user);
+    awaiting->isHandedOver.store(true, std::memory_order_release);
     int result = epoll_ctl(epoll.Number(), EPOLL_CTL_MOD, socket, &wanted);
     if (result < 0 && errno == ENOENT) {
         result = epoll_ctl(epoll.Number(), EPOLL_CTL_ADD, socket, &wanted);
@@ -49,6 +50,7 @@ void SocketEvents::Run() {
         Checked(count, "epoll_wait");
         auto* const awaiting = static_cast<SocketUser*>(event.data.ptr);
         if (awaiting == nullptr) return;
+        awaiting->isHandedOver.exchange(false, std::memory_order_acquire);
         const std::shared_ptr<SocketUser> user = std::move(awaiting->whileWaiting);
         user->Ready();
     }

@@ -9,6 +9,7 @@
 
 #include <sys/epoll.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -26,6 +27,9 @@ class SocketUser {
   private:
     friend class SocketEvents;
     std::shared_ptr<SocketUser> whileWaiting;  // itself, so that it lives until then
+    // Orders what the thread that waits has done before what the thread that is told does: the
+    // system's own order is none that the language or its tools know.
+    std::atomic<bool> isHandedOver = false;
 };
 
 class SocketEvents {
