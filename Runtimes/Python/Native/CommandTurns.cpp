@@ -22,8 +22,8 @@ constexpr microseconds kMoment{100};
 constexpr microseconds kTurn{500};
 constexpr int kMostTurnsToWait = 16;
 
-// After a command that took its time so many others do not wait.
-constexpr int kHurried = 64;
+// After a command that took its time so many others do not wait: all may be such commands.
+constexpr int kHurried = 16;
 
 // Looks are some tens of nanoseconds apart. A thread that sends command after command is back
 // sooner than after the first number of them, a microsecond. It has begun a row of turns since
@@ -66,7 +66,7 @@ constinit std::atomic<int> CommandTurns::hurried{0};
 std::uint32_t CommandTurns::TakeLater(const PythonFunctions& python) {
     if (hurried.load(std::memory_order_relaxed) > 0) {
         hurried.fetch_sub(1, std::memory_order_relaxed);
-        return kNone;
+        return TakeOver();
     }
     if (python.PyGILState_Check_Fn() > 0) return kNone;
     const Counted counted(waiting);
@@ -77,7 +77,7 @@ std::uint32_t CommandTurns::TakeLater(const PythonFunctions& python) {
             return Claim();
         case Watched::LongCommand:
             hurried.store(kHurried, std::memory_order_relaxed);
-            return kNone;
+            return TakeOver();
         case Watched::RowOfCommands:
             break;
     }
@@ -147,6 +147,15 @@ std::uint32_t CommandTurns::Claim() {
         latest.store(number, std::memory_order_relaxed);
     }
     claimed.store(false);
+    return number;
+}
+
+// Whoever had the turn ends none.
+std::uint32_t CommandTurns::TakeOver() {
+    const std::uint32_t last = latest.load(std::memory_order_relaxed);
+    const std::uint32_t number = IsTaken(last) ? last + 2 : last + 1;
+    claims.fetch_add(1, std::memory_order_relaxed);
+    latest.store(number, std::memory_order_relaxed);
     return number;
 }
 

@@ -4,8 +4,9 @@
 // that comes too late to get it.
 //
 // A turn is advice, not a lock. Nobody waits longer than a moment for a command that is taking its
-// time: it may be sleeping, or waiting for the very command that waits for it. Two threads may have
-// a turn at once; the interpreter lock decides who runs, as ever. One for all launchers, because
+// time: it may be sleeping, or waiting for the very command that waits for it. Its turn is taken
+// over, so that the others go on taking turns. Two threads may have a turn at once; the interpreter
+// lock decides who runs, as ever. One for all launchers, because
 // they share the interpreter; any thread.
 #pragma once
 
@@ -49,6 +50,8 @@ class CommandTurns {
         return last + 1;
     }
     static void Leave(std::uint32_t number) {
+        if (latest.load(std::memory_order_relaxed) != number) [[unlikely]]
+            return;  // it has been taken over
         latest.store(number + 1, std::memory_order_relaxed);
         if (sleeping.load(std::memory_order_relaxed) > 0) [[unlikely]]
             WakeSleeper();
@@ -63,16 +66,17 @@ class CommandTurns {
     static std::uint32_t TurnsInRows();
     static Watched WatchTurns(std::uint32_t arrival);
     static std::uint32_t Claim();
+    static std::uint32_t TakeOver();
 
     static constinit std::atomic<std::uint32_t> latest;
     // Somebody is about to take the next turn: whoever comes back from their own waits.
     static constinit std::atomic<bool> claimed;
-    static constinit std::atomic<std::uint32_t> claims;  // that were successful
+    static constinit std::atomic<std::uint32_t> claims;  // with success, and turns taken over
     // Threads that sleep until the end of a turn, and what they sleep on.
     static constinit std::atomic<int> sleeping;
     static constinit std::atomic<std::uint32_t> ends;
     // Those and the ones that sleep through rows of commands.
     static constinit std::atomic<int> waiting;
-    // So many commands more will not wait, because one that was waited for took its time.
+    // So many commands more take turns over at once, because one that was waited for took its time.
     static constinit std::atomic<int> hurried;
 };

@@ -28,6 +28,9 @@ class PythonLauncherTurnsTest : public StartedLauncherFixture {
         worker.Then([this] { EXPECT_EQ("response", Read(launcher, 8)); });
     }
 
+    // So many commands do not wait after one that was waited for in vain.
+    static constexpr int kHurried = 16;
+
     const EnvironmentVariable lifetime{"QUORVALEN_PYTHON_LIFETIME", "process"};
     const Bytes command = Command("anything");
     const Calls calls = CommandCalls(command);
@@ -49,12 +52,39 @@ TEST_F(PythonLauncherTurnsTest, ACommandWaitsOnlyForAMomentForALongOne) {
     WhileACommandRuns([&] { EXPECT_EQ(Lines(waited), CallsOfCommand()); });
 }
 
+// Its turn is taken over.
 TEST_F(PythonLauncherTurnsTest, TheNextCommandsDoNotWaitForALongOneAgain) {
     Start();
     WhileACommandRuns([&] {
         EXPECT_EQ(Lines(waited), CallsOfCommand());
-        for (int i = 0; i < 64; ++i) EXPECT_EQ(Lines(calls), CallsOfCommand()) << i;
-        EXPECT_EQ(Lines(waited), CallsOfCommand());
+        for (int i = 0; i < 100; ++i) EXPECT_EQ(Lines(calls), CallsOfCommand()) << i;
+    });
+}
+
+TEST_F(PythonLauncherTurnsTest, AfterALongCommandSomeOthersAreNotWaitedFor) {
+    Start();
+    WhileACommandRuns([&] { EXPECT_EQ(Lines(waited), CallsOfCommand()); });
+    for (int i = 0; i < kHurried; ++i) {
+        WhileACommandRuns([&] { EXPECT_EQ(Lines(calls), CallsOfCommand()) << i; });
+    }
+    WhileACommandRuns([&] { EXPECT_EQ(Lines(waited), CallsOfCommand()); });
+}
+
+// The long command ends while the one that has taken its turn over still runs.
+TEST_F(PythonLauncherTurnsTest, ALongCommandDoesNotEndTheTurnThatReplacedItsOwn) {
+    Start();
+    WhileACommandRuns([&] { EXPECT_EQ(Lines(waited), CallsOfCommand()); });
+    for (int i = 1; i < kHurried; ++i) {
+        WhileACommandRuns([&] { EXPECT_EQ(Lines(calls), CallsOfCommand()) << i; });
+    }
+    Worker first;
+    std::promise<void> endOfFirst;
+    HoldHeartBeat(first, endOfFirst);
+    WhileACommandRuns([&] {
+        endOfFirst.set_value();
+        first.Then([this] { EXPECT_EQ("response", Read(launcher, 8)); });
+        const std::string made = CallsOfCommand();  // begins with the end of that thread's state
+        EXPECT_TRUE(made.ends_with(Lines(waited))) << made;
     });
 }
 
