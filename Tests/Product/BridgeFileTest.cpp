@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 
 #include "Native/Definitions/RuntimeOperationMode.h"
@@ -93,6 +94,14 @@ TEST_F(BridgeFileTest, IsNeverUnmapped) {
 TEST_F(BridgeFileTest, HasNoRunPath) {
     EXPECT_EQ(0U, file.DynamicValues(DT_RPATH).size());
     EXPECT_EQ(0U, file.DynamicValues(DT_RUNPATH).size());
+}
+
+// Where in a page it lies decides which of CPython's instructions it displaces from the cache.
+TEST_F(BridgeFileTest, WhatEveryCommandPassesBeginsAPage) {
+    const Bridge bridge(layout);
+    const void* sendCommand = dlsym(bridge.Handle(), "_ZN14PythonLauncher11SendCommandEPhi");
+    ASSERT_NE(nullptr, sendCommand);
+    EXPECT_EQ(0U, reinterpret_cast<std::uintptr_t>(sendCommand) % 4096);
 }
 
 // Another bridge closes the library before it deletes the objects that it got from it.
