@@ -107,7 +107,7 @@ class Layout:
         shutil.copy(SOURCE / "MinimalReceiver.py", receiver / "Receiver.py")
 
     def renew_bridge(self):
-        """Another copy: which memory a library lies in decides what it displaces from the caches."""
+        """Another copy: one copy was seen to be slower than others in all its processes."""
         self.bridge.unlink()
         shutil.copy(self.built / BRIDGE, self.bridge)
 

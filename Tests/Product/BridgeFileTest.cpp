@@ -96,7 +96,7 @@ TEST_F(BridgeFileTest, HasNoRunPath) {
     EXPECT_EQ(0U, file.DynamicValues(DT_RUNPATH).size());
 }
 
-// Where in a page it lies decides which of CPython's instructions it displaces from the cache.
+// What a command costs depends on its place in a page, which no other code shall change.
 TEST_F(BridgeFileTest, WhatEveryCommandPassesBeginsAPage) {
     const Bridge bridge(layout);
     const void* sendCommand = dlsym(bridge.Handle(), "_ZN14PythonLauncher11SendCommandEPhi");

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::microseconds;
 
-// Whoever waits for a turn to end is woken then, and no later than this.
+// Whoever waits for a turn to end is woken then, and no later than this and the timer's slack.
 constexpr microseconds kMoment{100};
 
 // A thread's row of commands, while others wait. All that wait together claim as often as one alone
@@ -22,7 +22,8 @@ constexpr microseconds kMoment{100};
 constexpr microseconds kTurn{500};
 constexpr int kMostTurnsToWait = 16;
 
-// After a command that took its time so many others do not wait: all may be such commands.
+// After a command that was waited for in vain so many others take turns over without waiting: where
+// all commands take their time, each would else wait for the one before it.
 constexpr int kHurried = 16;
 
 // Looks are some tens of nanoseconds apart. A thread that sends command after command is back
@@ -150,7 +151,7 @@ std::uint32_t CommandTurns::Claim() {
     return number;
 }
 
-// Whoever had the turn ends none.
+// The one whose turn it was finds another number at its end and leaves that alone.
 std::uint32_t CommandTurns::TakeOver() {
     const std::uint32_t last = latest.load(std::memory_order_relaxed);
     const std::uint32_t number = IsTaken(last) ? last + 2 : last + 1;

@@ -6,8 +6,8 @@
 // A turn is advice, not a lock. Nobody waits longer than a moment for a command that is taking its
 // time: it may be sleeping, or waiting for the very command that waits for it. Its turn is taken
 // over, so that the others go on taking turns. Two threads may have a turn at once; the interpreter
-// lock decides who runs, as ever. One for all launchers, because
-// they share the interpreter; any thread.
+// lock decides who runs, as ever. One for all launchers, because they share the interpreter; any
+// thread.
 #pragma once
 
 #include <atomic>
