@@ -15,8 +15,15 @@ struct Plan {
     bool failed = false;
 };
 
+struct Watched {
+    const void* library = nullptr;
+    long long count = 0;
+    const void* last = nullptr;
+};
+
 thread_local long long count = 0;
 thread_local Plan plan;
+thread_local Watched watched;
 
 bool MustFail(const void* caller) {
     if (plan.callsUntilFailure == 0 || AllocationShim::LibraryOf(caller) != plan.library) {
@@ -26,24 +33,34 @@ bool MustFail(const void* caller) {
     return plan.failed;
 }
 
+// Notes what `caller` has got, and hands it on.
+void* Given(void* memory, const void* caller) {
+    if (watched.library != nullptr && AllocationShim::LibraryOf(caller) == watched.library) {
+        ++watched.count;
+        watched.last = memory;
+    }
+    return memory;
+}
+
+void* OrThrow(void* memory) {
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
 void* Allocate(std::size_t size, const void* caller) {
     if (MustFail(caller)) throw std::bad_alloc();
 #if QUORVALEN_TEST_SANITIZED
     ++count;  // malloc is not ours there
 #endif
-    void* memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
+    return Given(OrThrow(std::malloc(size == 0 ? 1 : size)), caller);
 }
 
-// The C library's aligned_alloc is nobody's own, so it is counted here.
+// The C library's aligned_alloc is nobody's own, so it is counted here. Null when there is none.
 void* AllocateAligned(std::size_t size, std::align_val_t alignment, const void* caller) {
-    if (MustFail(caller)) throw std::bad_alloc();
+    if (MustFail(caller)) return nullptr;
     ++count;
     const auto unit = static_cast<std::size_t>(alignment);
-    void* memory = std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
+    return Given(std::aligned_alloc(unit, (size + unit - 1) / unit * unit), caller);
 }
 
 }  // namespace
@@ -52,6 +69,18 @@ namespace AllocationShim {
 
 long long Count() {
     return count;
+}
+
+void Watch(const void* library) {
+    watched = {library, 0, nullptr};
+}
+
+long long WatchedCount() {
+    return watched.count;
+}
+
+const void* LastWatched() {
+    return watched.last;
 }
 
 void FailIn(const void* library, int nth) {
@@ -78,9 +107,12 @@ void* operator new[](std::size_t size) {
     return Allocate(size, __builtin_return_address(0));
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    return AllocateAligned(size, alignment, __builtin_return_address(0));
+    return OrThrow(AllocateAligned(size, alignment, __builtin_return_address(0)));
 }
 void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return OrThrow(AllocateAligned(size, alignment, __builtin_return_address(0)));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
     return AllocateAligned(size, alignment, __builtin_return_address(0));
 }
 void operator delete(void* memory, std::align_val_t) noexcept {

@@ -137,9 +137,9 @@ class QUORVALEN_EXPORT PythonLauncher : public Quorvalen::Native::Launcher::Nati
     CommandOutcome CallReceiver(unsigned char* message, int length, ThreadRecord& thread,
                                 Response& response, int& lockState);
     [[gnu::cold, gnu::noinline]] CommandOutcome FailCommand(InterpreterLock& lock);
-    PyObject* BuildArguments(const unsigned char* message, int length);
+    PyObject* BuildArguments(const unsigned char* message, int length, CommandPlace& place);
     bool IsByteArray(PyObject* object);
-    void Copy(PyObject* byteArray, ThreadRecord& thread, Response& response);
+    void Copy(PyObject* byteArray, ThreadRecord& thread, Response& response, CommandPlace place);
     ResponseOwner Owner() const;
     bool OtherPythonThreadsAreAlive();
     void RestartInterpreter();

@@ -65,7 +65,7 @@ void PythonLauncher::AskCallback(unsigned char* message, int length, ThreadRecor
     if (callback == nullptr) throw Failure(Messages::kNoCallback);
     PyObject* result = callback(message, length);
     if (result == nullptr) HandleException(Failure(Messages::kCallbackFailed));
-    Copy(result, thread, response);
+    Copy(result, thread, response, {});
 }
 
 void PythonLauncher::RaiseFailure(CommandOutcome outcome, const unsigned char* message) {
@@ -110,7 +110,8 @@ PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* messa
     InterpreterLock lock(python);
     lockState = lock.State();
     PyObject* function = IsHeartBeat(message) ? heartBeat : sendCommand;
-    PyObject* arguments = BuildArguments(message, length);
+    CommandPlace place;
+    PyObject* arguments = BuildArguments(message, length, place);
     if (arguments == nullptr) {
         ShowPythonError();
         return CommandOutcome::ArgumentsNotBuilt;
@@ -120,7 +121,7 @@ PythonLauncher::CommandOutcome PythonLauncher::CallReceiver(unsigned char* messa
     if (result == nullptr) return FailCommand(lock);
     const OwnedReference owned(python, result);
     if (!IsByteArray(result)) return CommandOutcome::WrongResult;
-    Copy(result, thread, response);
+    Copy(result, thread, response, place);
     return CommandOutcome::Answered;
 }
 
@@ -137,10 +138,12 @@ PythonLauncher::CommandOutcome PythonLauncher::FailCommand(InterpreterLock& lock
     return CommandOutcome::CallFailed;
 }
 
-PyObject* PythonLauncher::BuildArguments(const unsigned char* message, int length) {
+PyObject* PythonLauncher::BuildArguments(const unsigned char* message, int length,
+                                         CommandPlace& place) {
     PyObject* bytes =
         python.PyBytes_FromStringAndSize_Fn(reinterpret_cast<const char*>(message), length);
     if (bytes == nullptr) return nullptr;
+    place = {reinterpret_cast<std::uintptr_t>(bytes), static_cast<std::size_t>(length)};
     PyObject* arguments = python.PyTuple_Pack_Fn(1, bytes);
     python.Py_DecRef_Fn(bytes);
     return arguments;
@@ -154,12 +157,13 @@ bool PythonLauncher::IsByteArray(PyObject* object) {
 }
 
 // A negative size becomes a length that no vector can have, and so the standard length error.
-void PythonLauncher::Copy(PyObject* byteArray, ThreadRecord& thread, Response& response) {
+void PythonLauncher::Copy(PyObject* byteArray, ThreadRecord& thread, Response& response,
+                          CommandPlace place) {
     const std::ptrdiff_t size = python.PyByteArray_Size_Fn(byteArray);
     const char* data = python.PyByteArray_AsString_Fn(byteArray);
     const auto length = static_cast<std::size_t>(size);
     if (size < 0) const std::vector<unsigned char> tooLong(length);
-    response = thread.responses.Storage(Owner(), length);
+    response = thread.responses.Storage(Owner(), length, place);
     if (size > 0) CopyFromTheEnd(response.bytes.get(), data, length);
 }
 
