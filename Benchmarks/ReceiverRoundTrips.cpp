@@ -5,16 +5,19 @@
 //   receiver-round-trips BRIDGE PYBIND_CALLER|- [Google Benchmark's options]
 //
 // A figure's name is <who>/<where>/<bytes>; where is the thread that started Python ("starting"),
-// one other thread ("other"), or so many others at once ("others:8"). Times are wall-clock times
-// per command.
+// one other thread ("other"), or so many others at once ("others:8"); "+slow" beside a further one
+// whose commands take 0.1 s each. Times are wall-clock times per command.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "Benchmarks/Comparison.h"
@@ -26,12 +29,16 @@ using namespace Benchmarks;
 namespace {
 
 constexpr std::array<std::size_t, 6> kSizes = {16, 64, 4096, 65536, 1 << 20, 16 << 20};
-constexpr std::array<std::size_t, 4> kThreads = {1, 2, 4, 8};
+constexpr std::size_t kMostThreads = 8;
+constexpr std::array<std::size_t, 3> kFewerThreads = {1, 2, 4};
 constexpr std::size_t kSizeOnSeveralThreads = 64;
 
 // Long enough that all threads compete, and that their different ends do not count.
 constexpr double kTurnOfSeveralThreads = 0.3;
-constexpr int kRepetitionsOfSeveralThreads = 2;
+constexpr int kRepetitionsOfSeveralThreads = 3;
+
+constexpr std::size_t kKind = 10;  // of the command: where in the header
+constexpr unsigned char kHeartBeat = 11;
 
 std::unique_ptr<HostedPython> hosted;
 
@@ -42,7 +49,7 @@ using RoundTrip = void (*)(Exchange&);
 struct Subject {
     const char* name;
     RoundTrip roundTrip;
-    std::shared_ptr<Crew> others = std::make_shared<Crew>(kThreads.back());
+    std::shared_ptr<Crew> others = std::make_shared<Crew>(kMostThreads);
 };
 
 void AskBridge(Exchange& exchange) {
@@ -91,17 +98,49 @@ void CompareSize(std::size_t size, const std::vector<Subject>& subjects,
     Compare(std::to_string(size), contenders);
 }
 
+Contender MakeContender(const Subject& subject, std::size_t threads, const std::string& beside) {
+    const std::string figure = subject.name + ("/others:" + std::to_string(threads)) + beside +
+                               "/" + std::to_string(kSizeOnSeveralThreads);
+    return MakeContender(figure, subject.roundTrip, kSizeOnSeveralThreads, subject.others, threads);
+}
+
+// Sends slow commands one after the other, from construction to destruction.
+class SlowCommands {
+  public:
+    SlowCommands() : thread([](const std::stop_token& end) { SendUntil(end); }) {}
+
+  private:
+    static void SendUntil(const std::stop_token& end) {
+        Exchange exchange(kSizeOnSeveralThreads, kPython);
+        exchange.command[kKind] = kHeartBeat;
+        while (!end.stop_requested()) hosted->AskBridge(exchange);
+    }
+
+    std::jthread thread;
+};
+
+Contender BesideSlowCommands(Contender contender) {
+    contender.time = [time = std::move(contender.time)](long times) {
+        const SlowCommands beside;
+        return time(times);
+    };
+    return contender;
+}
+
+// How the bridge fares with fewer threads and beside slow commands is of interest where it keeps
+// the threads' Python states; the others are only there for the comparison of all threads.
 void CompareSeveralThreads(const std::vector<Subject>& subjects) {
     std::vector<Contender> contenders;
     for (const Subject& subject : subjects) {
-        for (const std::size_t threads : kThreads) {
-            // How the others fare with fewer threads is of no interest.
-            if (&subject != &subjects.front() && threads != kThreads.back()) continue;
-            const std::string where = "/others:" + std::to_string(threads);
-            contenders.push_back(
-                MakeContender(subject.name + where + "/" + std::to_string(kSizeOnSeveralThreads),
-                              subject.roundTrip, kSizeOnSeveralThreads, subject.others, threads));
+        contenders.push_back(MakeContender(subject, kMostThreads, ""));
+    }
+    const char* lifetime = std::getenv("QUORVALEN_PYTHON_LIFETIME");
+    if (lifetime != nullptr && std::string(lifetime) == "process") {
+        const Subject& bridge = subjects.front();
+        for (const std::size_t threads : kFewerThreads) {
+            contenders.push_back(MakeContender(bridge, threads, ""));
         }
+        contenders.push_back(BesideSlowCommands(MakeContender(bridge, 1, "+slow")));
     }
     Compare("threads", contenders, kTurnOfSeveralThreads, kRepetitionsOfSeveralThreads);
 }

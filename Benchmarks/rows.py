@@ -55,6 +55,8 @@ def _others():
         yield row(section, "64 B, commands per second of %d threads against 1" % threads,
                   "bridge/others:1/64", "bridge/others:%d/64" % threads, sense=">=", goal=goal,
                   lifetimes=KEPT)
+    yield row(section, "64 B beside a slow command of another thread, against none",
+              "bridge/others:1+slow/64", "bridge/others:1/64", lifetimes=KEPT)
     yield row(section, "64 B, 8 threads, against the same calls by hand", "bridge/others:8/64",
               "floor/others:8/64", beside="pybind11/others:8/64")
 
