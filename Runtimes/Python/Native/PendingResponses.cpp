@@ -47,11 +47,11 @@ bool Overlap(const CommandPlace& command, const Bytes& bytes, std::size_t size) 
 
 // Whether the page of this byte is there already. It is not when malloc has asked the system for
 // it, even where the same page lay before.
-bool IsInMemory(const unsigned char* byte) {
+bool IsInMemory(unsigned char* byte) {
     const auto pageSize = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto page = reinterpret_cast<std::uintptr_t>(byte) / pageSize * pageSize;
+    unsigned char* page = byte - reinterpret_cast<std::uintptr_t>(byte) % pageSize;
     unsigned char state = 0;
-    return mincore(reinterpret_cast<void*>(page), 1, &state) == 0 && (state & 1) != 0;
+    return mincore(page, 1, &state) == 0 && (state & 1) != 0;
 }
 
 }  // namespace
