@@ -23,8 +23,10 @@
 #include "Benchmarks/Comparison.h"
 #include "Benchmarks/Crew.h"
 #include "Benchmarks/HostedPython.h"
+#include "Native/Definitions/CommandHeader.h"
 
 using namespace Benchmarks;
+namespace CommandHeader = Quorvalen::Native::Definitions::CommandHeader;
 
 namespace {
 
@@ -36,9 +38,6 @@ constexpr std::size_t kSizeOnSeveralThreads = 64;
 // Long enough that all threads compete, and that their different ends do not count.
 constexpr double kTurnOfSeveralThreads = 0.3;
 constexpr int kRepetitionsOfSeveralThreads = 3;
-
-constexpr std::size_t kKind = 10;  // of the command: where in the header
-constexpr unsigned char kHeartBeat = 11;
 
 std::unique_ptr<HostedPython> hosted;
 
@@ -112,7 +111,7 @@ class SlowCommands {
   private:
     static void SendUntil(const std::stop_token& end) {
         Exchange exchange(kSizeOnSeveralThreads, kPython);
-        exchange.command[kKind] = kHeartBeat;
+        exchange.command[CommandHeader::kKind] = Quorvalen::Native::Definitions::kHeartBeat;
         while (!end.stop_requested()) hosted->AskBridge(exchange);
     }
 

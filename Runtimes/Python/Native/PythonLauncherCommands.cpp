@@ -40,9 +40,9 @@ QuorvalenNativeException Failure(const std::string& message) {
 }  // namespace
 
 // Flattened: every command goes through here, and each call on its way that is left costs some of
-// what it may cost over the calls of Python. Begins a page, so that its place in one does
-// not change with the code around it: elsewhere in a page, the same instructions took up to 30 ns
-// more for a command of 64 bytes to one build of CPython 3.11.
+// what it may cost over the calls of Python. Begins a page, so that its place in one does not
+// change with the code around it: elsewhere in a page, the same instructions took up to 30 ns more
+// for a command of 64 bytes to one build of CPython 3.11.
 [[gnu::flatten, gnu::aligned(4096)]] int PythonLauncher::SendCommand(unsigned char* message,
                                                                      int length) {
     if (message == nullptr) RaiseFailure(CommandOutcome::ArgumentsNotBuilt, message);

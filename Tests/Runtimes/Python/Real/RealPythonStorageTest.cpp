@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Tests/Native/AllocationShim.h"
@@ -13,13 +14,16 @@
 namespace {
 
 // A command's 8 bytes behind the header are the size of the response, the byte behind those tells
-// whether Python keeps the command. The response begins with the place of the command.
+// whether Python keeps the command, or whether the response is the command itself. Else the
+// response begins with the place of the command.
 constexpr const char* kReceiver = R"(
 kept = []
 
 class Receiver(object):
     @staticmethod
     def send_command(message):
+        if message[19:20] == b'e':
+            return bytearray(message)
         kept[:] = [message] if message[19:20] == b'k' else []
         result = bytearray(int.from_bytes(message[11:19], 'little'))
         result[:8] = id(message).to_bytes(8, 'little')
@@ -71,6 +75,16 @@ class RealPythonStorageTest : public RealPython {
         return text;
     }
 
+    // Its neighbouring pages differ.
+    static std::string MakeEcho(std::size_t size, int round) {
+        std::string text = MakeCommand(size, size, false);
+        text[19] = 'e';
+        for (std::size_t i = 20; i < size; ++i) {
+            text[i] = static_cast<char>((i + i / 4096 + static_cast<std::size_t>(round)) % 251);
+        }
+        return text;
+    }
+
     int Send(std::string text) {
         return receiver->SendCommand(reinterpret_cast<unsigned char*>(text.data()),
                                      static_cast<int>(text.size()));
@@ -114,6 +128,23 @@ TEST_P(RealPythonStorageTest, ALargeResponseTakesThePlaceOfItsCommand) {
             EXPECT_EQ(reinterpret_cast<void*>(answer.command), answer.asked);
         }
     }
+}
+
+// Of sizes that are no multiples of anything, on threads with heaps of their own too.
+TEST_P(RealPythonStorageTest, LargeResponsesAreWholeWhereverTheyLive) {
+    Start();
+    const auto askInTurn = [&] {
+        for (int round = 0; round < 3; ++round) {
+            for (const std::size_t size : {kLarge, kLarge + 4097, 3 * kLarge - 1}) {
+                const std::string text = MakeEcho(size, round);
+                EXPECT_TRUE(text == SendTo(*receiver, text)) << size;
+            }
+        }
+    };
+    askInTurn();
+    std::thread other(askInTurn);
+    askInTurn();
+    other.join();
 }
 
 TEST_P(RealPythonStorageTest, AResponseThatIsLongerThanItsCommandStaysInTheStorageKept) {
